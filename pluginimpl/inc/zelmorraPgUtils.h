@@ -1,0 +1,151 @@
+// Module frame shared by every source file: PostgreSQL headers, the one error helper, the palloc
+// allocator behind zm::pg::tVector, result-array and bytea allocation, and the shared rule for
+// reading int4[] arguments.
+//
+// PostgreSQL leaves a failing call with longjmp. Nothing declared here has a destructor, so C++
+// frames that are live when an ERROR is raised lose nothing but palloc'd memory, which the
+// server's memory contexts reclaim.
+#pragma once
+
+extern "C" {
+#include "postgres.h"
+
+#include "catalog/pg_type.h"
+#include "fmgr.h"
+#include "utils/array.h"
+#include "utils/memutils.h"
+}
+
+#include <cstdint>
+#include <cstdio>
+
+#include "zelmorraPgRangeArray.h"
+#include "zelmorraPgVector.h"
+
+// SQLSTATEs reported by the extension.
+#define ZM_SQLSTATE_OUT_OF_MEMORY ERRCODE_OUT_OF_MEMORY                       // 53200
+#define ZM_SQLSTATE_DATATYPE_MISMATCH ERRCODE_DATATYPE_MISMATCH               // 42804
+#define ZM_SQLSTATE_INVALID_PARAMETER ERRCODE_INVALID_PARAMETER_VALUE         // 22023
+#define ZM_SQLSTATE_VALUE_ERROR MAKE_SQLSTATE('2', '2', '0', '1', '5')        // 22015
+#define ZM_SQLSTATE_INVALID_BINARY ERRCODE_INVALID_BINARY_REPRESENTATION      // 22P03
+#define ZM_SQLSTATE_INDEX_INTERNAL MAKE_SQLSTATE('X', 'X', '0', '0', '2')     // XX002
+#define ZM_SQLSTATE_SET_EXPRESSION MAKE_SQLSTATE('0', '2', '0', '0', '0')     // 02000
+
+// Raises an ERROR at the given line and function of the calling source file. Use the literal line
+// number where the reported location is part of the interface, __LINE__ elsewhere.
+#define ZM_ERROR(sqlstate, line, function, ...) \
+    ::zm::pg::raiseError((sqlstate), __FILE__, (line), (function), __VA_ARGS__)
+
+namespace zm {
+namespace pg {
+
+// The one way out for every failure: an ERROR report with this SQLSTATE, reported source file,
+// line and function name. `format` may be null for a report without message text.
+[[noreturn]] void raiseError(int sqlstate, const char* file, int line, const char* function, const char* format,
+                             ...) pg_attribute_printf(5, 6);
+
+// Writes one diagnostic line to standard output.
+void writeDiagnosticLine(const char* line);
+
+// Memory of the current memory context. A failed allocation writes "Out of memory" and reports
+// 53200; requests beyond the server's allocation limit get the server's own error.
+struct PallocAllocator
+{
+    static void* allocate(size_t bytes)
+    {
+        void* block = palloc_extended(bytes, MCXT_ALLOC_NO_OOM);
+        if (block == nullptr)
+        {
+            writeDiagnosticLine("Out of memory");
+            outOfMemory();
+        }
+        return block;
+    }
+    static void deallocate(void* block) { pfree(block); }
+    static void diagnostic(const char* line) { writeDiagnosticLine(line); }
+    [[noreturn]] static void outOfMemory();
+};
+
+template <typename T>
+using tVector = tVectorBase<T, PallocAllocator>;
+
+using RangeVector = tVector<pgRangeArray::Range<int>>;
+using Int4Vector = tVector<int32_t>;
+
+// A bytea of `size` payload bytes with its length word set; the payload is not initialised.
+bytea* allocateBytea(size_t size);
+
+// A one-dimensional array of n elements (lower bound 1, no null bitmap, zero-filled data). An
+// empty result keeps this one-dimensional form rather than the server's zero-dimensional one.
+template <typename T, Oid ElementType>
+ArrayType* allocateResultArray(size_t n)
+{
+    const size_t bytes = ARR_OVERHEAD_NONULLS(1) + n * sizeof(T);
+    void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, MCXT_ALLOC_NO_OOM | MCXT_ALLOC_ZERO) : nullptr;
+    if (block == nullptr)
+        raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", nullptr);
+    ArrayType* array = static_cast<ArrayType*>(block);
+    SET_VARSIZE(array, bytes);
+    array->ndim = 1;
+    array->dataoffset = 0;
+    array->elemtype = ElementType;
+    ARR_DIMS(array)[0] = static_cast<int>(n);
+    ARR_LBOUND(array)[0] = 1;
+    return array;
+}
+
+inline ArrayType* allocateInt4Array(size_t n) { return allocateResultArray<int32_t, INT4OID>(n); }
+
+inline int32_t* int4Data(ArrayType* array) { return reinterpret_cast<int32_t*>(ARR_DATA_PTR(array)); }
+
+// An int4[] argument as the module reads it: a one-dimensional array without null bitmap gives
+// its elements, anything else (zero or several dimensions, NULL elements) is an empty set.
+struct Int4ArrayView
+{
+    const int32_t* data;
+    int32_t count;
+    bool oneDimensionalWithoutNulls;
+
+    const pgRangeArray::Range<int>* rangesBegin() const
+    {
+        return reinterpret_cast<const pgRangeArray::Range<int>*>(data);
+    }
+    const pgRangeArray::Range<int>* rangesEnd() const { return rangesBegin() + count / 2; }
+    int32_t rangeCount() const { return count / 2; }
+};
+
+inline Int4ArrayView viewInt4Array(ArrayType* array)
+{
+    if (ARR_NDIM(array) == 1 && !ARR_HASNULL(array))
+        return Int4ArrayView{reinterpret_cast<const int32_t*>(ARR_DATA_PTR(array)), ARR_DIMS(array)[0], true};
+    return Int4ArrayView{nullptr, 0, false};
+}
+
+inline ArrayType* detoastArray(Datum datum) { return reinterpret_cast<ArrayType*>(PG_DETOAST_DATUM(datum)); }
+
+// Copies ranges into a new range array (lower, upper pairs).
+ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count);
+
+// Copies int4 values into a new one-dimensional int4[].
+ArrayType* valuesToArray(const int32_t* first, size_t count);
+
+}  // namespace pg
+
+namespace pgRangeArray {
+
+// Representation codes of the kind letters and the set aggregates' input forms.
+enum ArrayDataType : int32_t
+{
+    ArrayDataTypeUninitialised = 0,
+    ArrayDataTypeSingleValue = 1,
+    ArrayDataTypeLowerUpperPair = 2,
+    ArrayDataTypeScalar = 3,
+    ArrayDataTypeRange = 4,
+    ArrayDataTypeMix = 5,
+};
+
+// 'r', 's' and 'm' (case-sensitive); anything else is an error.
+ArrayDataType ArrayDataTypeFromChar(char letter);
+
+}  // namespace pgRangeArray
+}  // namespace zm

@@ -1,0 +1,90 @@
+// Module frame: magic block, load hooks, version, error reporting and the allocation helpers.
+#include "zelmorraPgUtils.h"
+#include "zelmorraPgVersion.h"
+
+extern "C" {
+#include "utils/builtins.h"
+}
+
+#include <cstdarg>
+
+extern "C" {
+PG_MODULE_MAGIC;
+
+PGDLLEXPORT void _PG_init(void);
+PGDLLEXPORT void _PG_fini(void);
+void _PG_init(void) {}
+void _PG_fini(void) {}
+
+PG_FUNCTION_INFO_V1(kestrava_range_operators_version);
+}
+
+extern "C" Datum kestrava_range_operators_version(PG_FUNCTION_ARGS)
+{
+    PG_RETURN_TEXT_P(cstring_to_text(KestravaPgRangeOperators3_0::Version::GetDescStringMajorMinorReleaseRevisionDate()));
+}
+
+namespace zm {
+namespace pg {
+
+void raiseError(int sqlstate, const char* file, int line, const char* function, const char* format, ...)
+{
+    char message[512];
+    if (format)
+    {
+        va_list args;
+        va_start(args, format);
+        vsnprintf(message, sizeof message, format, args);
+        va_end(args);
+    }
+    if (errstart(ERROR, TEXTDOMAIN))
+    {
+        errcode(sqlstate);
+        if (format)
+            errmsg_internal("%s", message);
+        errfinish(file, line, function);
+    }
+    pg_unreachable();
+}
+
+void writeDiagnosticLine(const char* line)
+{
+    fputs(line, stdout);
+    fputc('\n', stdout);
+    fflush(stdout);
+}
+
+void PallocAllocator::outOfMemory()
+{
+    raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, __FILE__, __LINE__, "tVector", nullptr);
+}
+
+bytea* allocateBytea(size_t size)
+{
+    const size_t total = size + VARHDRSZ;
+    void* block = total <= MaxAllocSize ? palloc_extended(total, MCXT_ALLOC_NO_OOM) : nullptr;
+    if (block == nullptr)
+        raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 54, "allocateBytea", nullptr);
+    bytea* result = static_cast<bytea*>(block);
+    SET_VARSIZE(result, total);
+    return result;
+}
+
+ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count)
+{
+    ArrayType* result = allocateInt4Array(2 * count);
+    if (count)
+        memcpy(int4Data(result), first, count * sizeof(pgRangeArray::Range<int>));
+    return result;
+}
+
+ArrayType* valuesToArray(const int32_t* first, size_t count)
+{
+    ArrayType* result = allocateInt4Array(count);
+    if (count)
+        memcpy(int4Data(result), first, count * sizeof(int32_t));
+    return result;
+}
+
+}  // namespace pg
+}  // namespace zm

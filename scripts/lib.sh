@@ -1,0 +1,85 @@
+# Shared shell functions of the project scripts: dependencies, build, and a throwaway server.
+# shellcheck shell=bash
+set -euo pipefail
+
+PROJECT_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+PG_BINDIR=/usr/lib/postgresql/15/bin
+export PATH="$PG_BINDIR:$PATH"
+
+log() { printf '==> %s\n' "$*" >&2; }
+
+# Installs the Debian packages the build and the tests need, only when one is missing.
+ensure_dependencies() {
+    local packages=(postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang)
+    local missing=()
+    for p in "${packages[@]}"; do
+        dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
+    done
+    if [ ${#missing[@]} -eq 0 ]; then
+        return
+    fi
+    log "installing ${missing[*]}"
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo=sudo
+    $sudo apt-get update -qq
+    DEBIAN_FRONTEND=noninteractive $sudo apt-get install -y -qq "${missing[@]}" >/dev/null
+}
+
+build_extension() {
+    log "building the extension"
+    make -C "$PROJECT_ROOT" -s -j"$(nproc)" >/dev/null
+}
+
+# Installs into the server's directories. Concurrent runs from other checkouts would replace the
+# library under a running test, so installing and using the installed extension happen under one
+# lock (held until the calling script exits).
+install_extension() {
+    exec 9>/tmp/kestrava_range_operators.install.lock
+    flock 9
+    log "installing the extension"
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo=sudo
+    $sudo make -C "$PROJECT_ROOT" -s install >/dev/null
+}
+
+# Server processes run as an unprivileged user: 'postgres' when we are root, else ourselves.
+as_server_user() {
+    if [ "$(id -u)" -eq 0 ]; then
+        runuser -u postgres -- "$@"
+    else
+        "$@"
+    fi
+}
+
+# Starts a throwaway cluster listening only on a unix socket in a fresh temporary directory, and
+# arranges for it to be stopped and removed when the calling script exits, whatever the outcome.
+# Exports PGHOST, PGPORT, PGUSER, PGDATABASE and SERVER_LOG.
+start_throwaway_server() {
+    THROWAWAY_DIR=$(mktemp -d /tmp/kestrava-pg.XXXXXX)
+    chmod 755 "$THROWAWAY_DIR"
+    [ "$(id -u)" -ne 0 ] || chown postgres: "$THROWAWAY_DIR"
+    trap stop_throwaway_server EXIT
+    trap 'exit 130' INT TERM
+    export PGHOST="$THROWAWAY_DIR" PGPORT=$((50000 + RANDOM % 10000))
+    export PGUSER=$(as_server_user id -un) PGDATABASE=postgres
+    export SERVER_LOG="$THROWAWAY_DIR/server.log"
+    log "starting a throwaway server in $THROWAWAY_DIR"
+    as_server_user initdb -D "$THROWAWAY_DIR/data" --auth=trust --no-sync -E UTF8 --locale=C.UTF-8 >/dev/null
+    as_server_user pg_ctl -D "$THROWAWAY_DIR/data" -l "$SERVER_LOG" -w -o \
+        "-c listen_addresses='' -c unix_socket_directories='$THROWAWAY_DIR' -p $PGPORT -c fsync=off -c max_worker_processes=8 -c max_parallel_workers=8 -c log_line_prefix='%m [%p] '" \
+        start >/dev/null
+}
+
+stop_throwaway_server() {
+    local status=$?
+    if [ -n "${THROWAWAY_DIR:-}" ] && [ -d "$THROWAWAY_DIR" ]; then
+        as_server_user pg_ctl -D "$THROWAWAY_DIR/data" -m immediate stop >/dev/null 2>&1 || true
+        if grep -q 'terminated by signal' "$SERVER_LOG" 2>/dev/null; then
+            log "the server log shows a backend terminated by a signal:"
+            grep -B2 -A2 'terminated by signal' "$SERVER_LOG" >&2
+            status=1
+        fi
+        rm -rf "$THROWAWAY_DIR"
+    fi
+    exit $status
+}

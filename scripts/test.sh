@@ -1,0 +1,31 @@
+#!/usr/bin/env bash
+# Runs the whole test suite: unit tests (GoogleTest) and SQL regression tests (pg_regress) on a
+# throwaway server. Installs what is missing first. Exit status 0 only when everything passed.
+source "$(dirname "$0")/lib.sh"
+
+ensure_dependencies
+cd "$PROJECT_ROOT"
+
+log "unit tests"
+cmake -S unittests -B build/unittests -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
+cmake --build build/unittests -j"$(nproc)" >/dev/null
+ctest --test-dir build/unittests --output-on-failure -j"$(nproc)" | tail -n 3
+unit_summary=$(ctest --test-dir build/unittests -N | sed -n 's/^Total Tests: //p')
+
+build_extension
+install_extension
+start_throwaway_server
+
+log "SQL regression tests"
+status=0
+make -s installcheck > build/regress.log 2>&1 || status=$?
+cat build/regress.log
+if [ -f build/regress/regression.diffs ] && [ $status -ne 0 ]; then
+    head -n 200 build/regress/regression.diffs
+fi
+sql_passed=$(grep -cE '^(ok|test) .* ok|^ok ' build/regress.log || true)
+sql_failed=$(grep -cE 'FAILED|failed \(ignored\)|diff command failed' build/regress.log || true)
+[ $status -eq 0 ] || [ "$sql_failed" -gt 0 ] || sql_failed=1
+echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed"
+echo "$((unit_summary + sql_passed)) passed, ${sql_failed} failed"
+exit $status
