@@ -123,6 +123,14 @@ inline Int4ArrayView viewInt4Array(ArrayType* array)
 
 inline ArrayType* detoastArray(Datum datum) { return reinterpret_cast<ArrayType*>(PG_DETOAST_DATUM(datum)); }
 
+// The aggregate memory context of a support-function call. Raises an error when the function is
+// called outside an aggregate (its state would otherwise leak into a top-level context).
+MemoryContext aggregateContext(FunctionCallInfo fcinfo, const char* function);
+
+// A state's own memory context under the aggregate context (default allocation-set sizes), named
+// after the function that creates it; `name` must be a string literal.
+MemoryContext createStateContext(MemoryContext aggregateContext, const char* name);
+
 // Copies ranges into a new range array (lower, upper pairs).
 ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count);
 

@@ -70,6 +70,19 @@ bytea* allocateBytea(size_t size)
     return result;
 }
 
+MemoryContext aggregateContext(FunctionCallInfo fcinfo, const char* function)
+{
+    MemoryContext context = nullptr;
+    if (!AggCheckCallContext(fcinfo, &context) || context == nullptr)
+        raiseError(ERRCODE_INTERNAL_ERROR, __FILE__, __LINE__, function, "%s called in non-aggregate context", function);
+    return context;
+}
+
+MemoryContext createStateContext(MemoryContext aggregateContext, const char* name)
+{
+    return AllocSetContextCreateInternal(aggregateContext, name, ALLOCSET_DEFAULT_SIZES);
+}
+
 ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count)
 {
     ArrayType* result = allocateInt4Array(2 * count);
