@@ -74,7 +74,7 @@ MemoryContext aggregateContext(FunctionCallInfo fcinfo, const char* function)
 {
     MemoryContext context = nullptr;
     if (!AggCheckCallContext(fcinfo, &context) || context == nullptr)
-        raiseError(ERRCODE_INTERNAL_ERROR, __FILE__, __LINE__, function, "%s called in non-aggregate context", function);
+        raiseError(ZM_SQLSTATE_INVALID_PARAMETER, __FILE__, __LINE__, function, "%s called in non-aggregate context", function);
     return context;
 }
 
