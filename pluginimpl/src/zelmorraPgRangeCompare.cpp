@@ -87,3 +87,28 @@ extern "C" Datum zm_int4rangepacked_contains_int4(PG_FUNCTION_ARGS)
 }
 
 // ---- bitfield tests ----
+// Persisted bitfields (zelmorraPgBitField.h): first and last value of the span, then one bit per
+// value in whole 64-bit words.
+#include "zelmorraPgBitFieldServer.h"
+
+namespace zm {
+namespace pg {
+
+bool getBitFieldInfo(const bytea* bitfield, const uint8_t*& begin, const uint8_t*& end, int32_t& first, int32_t& last)
+{
+    const BitFieldInfo info = readBitField(bitfield, VARSIZE(bitfield));
+    if (info.truncated)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "getBitFieldInfo", "invalid bitfield array");
+    first = info.first;
+    last = info.last;
+    if (info.status == BitFieldStatus::Empty)
+        return false;
+    if (info.status != BitFieldStatus::Ok)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "getBitFieldInfo", "invalid bitfield array");
+    begin = info.begin;
+    end = info.end;
+    return true;
+}
+
+}  // namespace pg
+}  // namespace zm
