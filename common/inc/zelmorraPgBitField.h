@@ -362,4 +362,250 @@ inline bool bitFieldOverlapsRange(const BitFieldInfo& info, int32_t lower, int32
     return anyBitSet(info.begin, bitFieldOffset(info.first, lo), bitFieldOffset(info.first, hi));
 }
 
+// ---- int4 sets against a persisted bitfield ------------------------------------------------------
+//
+// Sets come as the int4[] representations of the module: scalar arrays (values), range arrays
+// (lower, upper pairs) and mix items (the elements after a mix array's count element: a value, or an
+// element with bit 31 set that opens the range [element & 0x7fffffff, next element]; an opener
+// without a next element stands for its lower bound alone). All take an Ok BitFieldInfo.
+// A reversed range (lower > upper) holds no value: it never overlaps and is always included.
+
+namespace detail {
+// Clamps [lower, upper] to the span; false when nothing of it is left.
+inline bool clampToSpan(const BitFieldInfo& info, int32_t lower, int32_t upper, uint32_t& lo, uint32_t& hi)
+{
+    const int32_t l = lower > info.first ? lower : info.first;
+    const int32_t u = upper < info.last ? upper : info.last;
+    if (l > u)
+        return false;
+    lo = bitFieldOffset(info.first, l);
+    hi = bitFieldOffset(info.first, u);
+    return true;
+}
+
+// Calls f(lower, upper) for each item of a mix array's items until f returns false; returns
+// whether every call returned true.
+template <typename F>
+inline bool forEachMixItem(const int32_t* items, uint32_t n, F f)
+{
+    for (uint32_t i = 0; i < n; ++i)
+    {
+        const int32_t e = items[i];
+        if (e >= 0)
+        {
+            if (!f(e, e))
+                return false;
+        }
+        else
+        {
+            const int32_t lower = static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu);
+            const int32_t upper = i + 1 < n ? items[++i] : lower;
+            if (!f(lower, upper))
+                return false;
+        }
+    }
+    return true;
+}
+}  // namespace detail
+
+// Every value of [lower, upper] lies in the span with its bit set (the rejects lower > last and
+// upper < first come first).
+inline bool bitFieldIncludesRange(const BitFieldInfo& info, int32_t lower, int32_t upper)
+{
+    if (lower > info.last || upper < info.first)
+        return false;
+    uint32_t lo, hi;
+    if (!detail::clampToSpan(info, lower, upper, lo, hi))
+        return true;
+    return allBitsSet(info.begin, lo, hi);
+}
+
+inline bool bitFieldAnyValue(const BitFieldInfo& info, const int32_t* values, uint32_t n)
+{
+    for (uint32_t i = 0; i < n; ++i)
+        if (bitFieldHasValue(info, values[i]))
+            return true;
+    return false;
+}
+
+inline bool bitFieldAllValues(const BitFieldInfo& info, const int32_t* values, uint32_t n)
+{
+    for (uint32_t i = 0; i < n; ++i)
+        if (!bitFieldHasValue(info, values[i]))
+            return false;
+    return true;
+}
+
+inline bool bitFieldAnyRange(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount)
+{
+    for (uint32_t i = 0; i < pairCount; ++i)
+        if (bitFieldOverlapsRange(info, pairs[2 * i], pairs[2 * i + 1]))
+            return true;
+    return false;
+}
+
+inline bool bitFieldAllRanges(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount)
+{
+    for (uint32_t i = 0; i < pairCount; ++i)
+        if (!bitFieldIncludesRange(info, pairs[2 * i], pairs[2 * i + 1]))
+            return false;
+    return true;
+}
+
+inline bool bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n)
+{
+    return !detail::forEachMixItem(items, n, [&info](int32_t lower, int32_t upper) {
+        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange(info, lower, upper));
+    });
+}
+
+inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n)
+{
+    return detail::forEachMixItem(items, n, [&info](int32_t lower, int32_t upper) {
+        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange(info, lower, upper);
+    });
+}
+
+// ---- building a persisted bitfield from an int4 set -------------------------------------------------
+
+// Header values and data length of the bitfield built from a set; writeItems is false when the
+// header does not describe the items (the data then stays zero).
+struct BitFieldShape
+{
+    int32_t first;
+    int32_t last;
+    uint32_t dataLength;
+    bool writeItems;
+};
+
+// Range array of n (even) elements: the span of the first lower to the last upper. No ranges: the
+// 13-byte empty form (first 0, last -1, one zero data byte).
+inline BitFieldShape bitFieldShapeOfRangeArray(const int32_t* elements, uint32_t n)
+{
+    if (n < 2)
+        return BitFieldShape{0, -1, 1, false};
+    const int32_t first = elements[0];
+    const int32_t last = elements[n - 1];
+    return BitFieldShape{first, last, bitFieldDataLength(bitFieldCount(first, last)), true};
+}
+
+// Scalar array: the span of element 0 to the final element, one data byte when they are reversed.
+// No elements: the 20-byte empty form (first 0, last -1, eight zero data bytes).
+inline BitFieldShape bitFieldShapeOfScalarArray(const int32_t* elements, uint32_t n)
+{
+    if (n == 0)
+        return BitFieldShape{0, -1, 8, false};
+    const int32_t first = elements[0];
+    const int32_t last = elements[n - 1];
+    const uint32_t length = first <= last ? bitFieldDataLength(bitFieldCount(first, last)) : 1;
+    return BitFieldShape{first, last, length, true};
+}
+
+// Mix array (count element first): the span of the first item's lower bound to the final element,
+// one data byte when they are reversed. No elements: the 20-byte empty form. A count element of 0
+// gives the empty header (first 0, last -1) over zeroed data of that length. A lone count element N
+// gives first 0, last 0 over zeroed data sized as if last were N.
+inline BitFieldShape bitFieldShapeOfMixArray(const int32_t* elements, uint32_t n)
+{
+    if (n == 0)
+        return BitFieldShape{0, -1, 8, false};
+    const int32_t first = n >= 2 ? static_cast<int32_t>(static_cast<uint32_t>(elements[1]) & 0x7fffffffu) : 0;
+    const int32_t last = elements[n - 1];
+    const uint32_t length = first <= last ? bitFieldDataLength(bitFieldCount(first, last)) : 1;
+    if (elements[0] == 0)
+        return BitFieldShape{0, -1, length, false};
+    if (n == 1)
+        return BitFieldShape{0, 0, length, false};
+    return BitFieldShape{first, last, length, true};
+}
+
+// Writes values and ranges into zeroed data laid out by a BitFieldShape. Whatever the input, nothing
+// is written outside the data: values and range parts outside [first, last] (possible only when the
+// input is not sorted) are skipped, as is anything past the data's last bit. `poll` is called
+// between 1 MB slices of a wide range and every 65536 items, so a long write can be interrupted.
+template <typename Poll>
+struct BitFieldSetWriter
+{
+    static constexpr uint32_t sliceBits = uint32_t{1} << 23;
+    static constexpr uint32_t itemsPerPoll = 65536;
+
+    uint8_t* data;
+    uint64_t bits;
+    int32_t first;
+    int32_t last;
+    Poll& poll;
+    uint32_t itemsSincePoll;
+
+    BitFieldSetWriter(uint8_t* data_, const BitFieldShape& shape, Poll& poll_)
+        : data(data_), bits(uint64_t{shape.dataLength} * 8), first(shape.first), last(shape.last), poll(poll_),
+          itemsSincePoll(0)
+    {
+    }
+
+    void tick()
+    {
+        if (++itemsSincePoll == itemsPerPoll)
+        {
+            itemsSincePoll = 0;
+            poll();
+        }
+    }
+
+    void value(int32_t v)
+    {
+        tick();
+        if (v < first || v > last)
+            return;
+        const uint32_t offset = bitFieldOffset(first, v);
+        if (offset < bits)
+            setBit(data, offset);
+    }
+
+    void range(int32_t lower, int32_t upper)
+    {
+        tick();
+        const int32_t l = lower > first ? lower : first;
+        const int32_t u = upper < last ? upper : last;
+        if (l > u)
+            return;
+        uint32_t lo = bitFieldOffset(first, l);
+        uint32_t hi = bitFieldOffset(first, u);
+        if (lo >= bits)
+            return;
+        if (hi >= bits)
+            hi = static_cast<uint32_t>(bits - 1);
+        while (hi - lo >= sliceBits)
+        {
+            writeRange(data, lo, lo + sliceBits - 1);
+            lo += sliceBits;
+            poll();
+        }
+        writeRange(data, lo, hi);
+    }
+
+    void rangeArray(const int32_t* elements, uint32_t n)
+    {
+        for (uint32_t i = 0; i + 1 < n; i += 2)
+            range(elements[i], elements[i + 1]);
+    }
+
+    void scalarArray(const int32_t* elements, uint32_t n)
+    {
+        for (uint32_t i = 0; i < n; ++i)
+            value(elements[i]);
+    }
+
+    // The items after the count element.
+    void mixItems(const int32_t* items, uint32_t n)
+    {
+        detail::forEachMixItem(items, n, [this](int32_t lower, int32_t upper) {
+            if (lower == upper)
+                value(lower);
+            else
+                range(lower, upper);
+            return true;
+        });
+    }
+};
+
 }  // namespace zm
