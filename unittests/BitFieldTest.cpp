@@ -611,6 +611,26 @@ TEST(BitFieldWriter, FullInt4SpanWrapsToNoData)
     EXPECT_EQ(r.size(), 12u);
 }
 
+TEST(BitFieldWriter, ReversedRangeArraySpanIsSizedByTheWrappedCount)
+{
+    const int32_t reversed[] = {10, 20, 0, 5};
+    const zm::BitFieldShape shape = zm::bitFieldShapeOfRangeArray(reversed, 4);
+    EXPECT_EQ(shape.first, 10);
+    EXPECT_EQ(shape.last, 5);
+    EXPECT_EQ(shape.dataLength, 1u << 29);
+    // Both ranges lie outside [10, 5] read as signed bounds: a writer over a one-word buffer (the
+    // shape's length cut down) must touch nothing.
+    std::vector<uint8_t> data(8, 0);
+    zm::BitFieldShape cut = shape;
+    cut.dataLength = 8;
+    CountPolls poll;
+    zm::BitFieldSetWriter<CountPolls> w(data.data(), cut, poll);
+    w.rangeArray(reversed, 4);
+    EXPECT_EQ(data, std::vector<uint8_t>(8, 0));
+    const int32_t pair[] = {5, 4};  // count 0: no data at all
+    EXPECT_EQ(zm::bitFieldShapeOfRangeArray(pair, 2).dataLength, 0u);
+}
+
 TEST(BitFieldWriter, WideRangesAreWrittenInSlicesWithPolls)
 {
     int polls = 0;
