@@ -2,6 +2,7 @@
 // writer, checked against bit-by-bit references.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <cstring>
 #include <random>
@@ -528,10 +529,11 @@ std::vector<uint8_t> build(char kind, const std::vector<int32_t>& e, int* polls 
     else
         shape = zm::bitFieldShapeOfMixArray(e.data(), n);
     std::vector<uint8_t> d = persisted(shape.first, shape.last, shape.dataLength);
+    std::fill(d.begin() + 12, d.end(), 0xA5);  // the writer must initialise every data byte
     CountPolls poll;
+    zm::BitFieldSetWriter<CountPolls> w(d.data() + 12, shape, poll);
     if (shape.writeItems)
     {
-        zm::BitFieldSetWriter<CountPolls> w(d.data() + 12, shape, poll);
         if (kind == 'r')
             w.rangeArray(e.data(), n);
         else if (kind == 's')
@@ -539,6 +541,7 @@ std::vector<uint8_t> build(char kind, const std::vector<int32_t>& e, int* polls 
         else
             w.mixItems(e.data() + 1, n - 1);
     }
+    w.finish();
     if (polls)
         *polls = poll.calls;
     return d;
@@ -620,12 +623,13 @@ TEST(BitFieldWriter, ReversedRangeArraySpanIsSizedByTheWrappedCount)
     EXPECT_EQ(shape.dataLength, 1u << 29);
     // Both ranges lie outside [10, 5] read as signed bounds: a writer over a one-word buffer (the
     // shape's length cut down) must touch nothing.
-    std::vector<uint8_t> data(8, 0);
+    std::vector<uint8_t> data(8, 0xA5);
     zm::BitFieldShape cut = shape;
     cut.dataLength = 8;
     CountPolls poll;
     zm::BitFieldSetWriter<CountPolls> w(data.data(), cut, poll);
     w.rangeArray(reversed, 4);
+    w.finish();
     EXPECT_EQ(data, std::vector<uint8_t>(8, 0));
     const int32_t pair[] = {5, 4};  // count 0: no data at all
     EXPECT_EQ(zm::bitFieldShapeOfRangeArray(pair, 2).dataLength, 0u);
@@ -706,5 +710,54 @@ TEST(BitFieldWriter, RandomSetsRoundTrip)
             EXPECT_TRUE(zm::bitFieldAnyRange(info, around, 1));
             EXPECT_FALSE(zm::bitFieldAllRanges(info, around, 1));
         }
+    }
+}
+
+TEST(BitFieldWriter, OneStoreWritingMatchesOringIntoZeroedDataForAnyInput)
+{
+    std::mt19937 rng(99);
+    for (int round = 0; round < 3000; ++round)
+    {
+        const int32_t first = static_cast<int32_t>(rng() % 200) - 100;
+        const int32_t last = first + static_cast<int32_t>(rng() % 700);
+        const zm::BitFieldShape shape{first, last, zm::bitFieldDataLength(zm::bitFieldCount(first, last)), true};
+        std::vector<int32_t> items;
+        const int k = rng() % 12;
+        const bool sorted = rng() % 2;
+        int32_t v = first - 20;
+        for (int i = 0; i < k; ++i)
+        {
+            int32_t lo = sorted ? v + static_cast<int32_t>(rng() % 60) : first - 50 + static_cast<int32_t>(rng() % 800);
+            int32_t hi = lo + static_cast<int32_t>(rng() % (rng() % 3 ? 12 : 200)) - (sorted ? 0 : 3);
+            items.push_back(lo);
+            items.push_back(hi);
+            v = hi + 1;
+        }
+        std::vector<uint8_t> expected(shape.dataLength, 0);
+        for (int i = 0; i + 1 < k * 2; i += 2)
+        {
+            const int32_t l = std::max(items[i], first), u = std::min(items[i + 1], last);
+            if (l <= u)
+                naiveWrite(expected, static_cast<uint32_t>(l - first), static_cast<uint32_t>(u - first));
+        }
+        std::vector<uint8_t> data(shape.dataLength, 0x5A);
+        CountPolls poll;
+        zm::BitFieldSetWriter<CountPolls> w(data.data(), shape, poll);
+        if (rng() % 2)
+        {
+            w.rangeArray(items.data(), static_cast<uint32_t>(items.size()));
+        }
+        else
+        {
+            for (size_t i = 0; i + 1 < items.size(); i += 2)
+            {
+                if (items[i] == items[i + 1])
+                    w.value(items[i]);
+                else
+                    w.range(items[i], items[i + 1]);
+            }
+        }
+        w.finish();
+        ASSERT_EQ(data, expected) << "round " << round;
     }
 }

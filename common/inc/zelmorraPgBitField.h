@@ -519,26 +519,32 @@ inline BitFieldShape bitFieldShapeOfMixArray(const int32_t* elements, uint32_t n
     return BitFieldShape{first, last, length, true};
 }
 
-// Writes values and ranges into zeroed data laid out by a BitFieldShape. Whatever the input, nothing
-// is written outside the data: values and range parts outside [first, last] (possible only when the
-// input is not sorted) are skipped, as is anything past the data's last bit. `poll` is called
-// between 1 MB slices of a wide range and every 65536 items, so a long write can be interrupted.
+// Writes a set into the (uninitialised) data of a BitFieldShape, each byte stored about once: the
+// bytes before an item are zeroed when the item is reached, the inner bytes of a range are set to
+// 0xFF directly, and finish() zeroes the rest. Items out of order are ORed into bytes already
+// initialised, so any input gives the same bits as writing into zeroed data.
+//
+// Whatever the input, nothing is written outside the data: values and range parts outside
+// [first, last] (possible only when the input is not sorted) are skipped, as is anything past the
+// data's last bit. `poll` is called between 1 MB slices of long fills and every 65536 items, so a
+// long write can be interrupted.
 template <typename Poll>
 struct BitFieldSetWriter
 {
-    static constexpr uint32_t sliceBits = uint32_t{1} << 23;
+    static constexpr uint32_t sliceBytes = uint32_t{1} << 20;
     static constexpr uint32_t itemsPerPoll = 65536;
 
     uint8_t* data;
-    uint64_t bits;
+    uint32_t dataLength;
+    uint32_t initialised;  // bytes [0, initialised) hold their final value but for later ORs
     int32_t first;
     int32_t last;
     Poll& poll;
     uint32_t itemsSincePoll;
 
     BitFieldSetWriter(uint8_t* data_, const BitFieldShape& shape, Poll& poll_)
-        : data(data_), bits(uint64_t{shape.dataLength} * 8), first(shape.first), last(shape.last), poll(poll_),
-          itemsSincePoll(0)
+        : data(data_), dataLength(shape.dataLength), initialised(0), first(shape.first), last(shape.last),
+          poll(poll_), itemsSincePoll(0)
     {
     }
 
@@ -551,14 +557,60 @@ struct BitFieldSetWriter
         }
     }
 
+    void fill(uint32_t from, uint32_t to, uint8_t byte)
+    {
+        while (to - from > sliceBytes)
+        {
+            std::memset(data + from, byte, sliceBytes);
+            from += sliceBytes;
+            poll();
+        }
+        std::memset(data + from, byte, to - from);
+    }
+
+    void zeroUpTo(uint32_t end)
+    {
+        if (end > initialised)
+        {
+            fill(initialised, end, 0);
+            initialised = end;
+        }
+    }
+
+    // Offsets inside the data.
+    void putBit(uint32_t offset)
+    {
+        zeroUpTo((offset >> 3) + 1);
+        setBit(data, offset);
+    }
+
+    void putRange(uint32_t lo, uint32_t hi)
+    {
+        const uint32_t bl = lo >> 3;
+        const uint32_t bh = hi >> 3;
+        zeroUpTo(bl + 1);
+        if (bl == bh)
+        {
+            data[bl] |= bitFieldByteMask[lo & 7][hi & 7];
+            return;
+        }
+        data[bl] |= bitFieldStartMask[lo & 7];
+        if (bh - bl > 1)
+            fill(bl + 1, bh, 0xFF);
+        if (bh > initialised)
+            initialised = bh;
+        zeroUpTo(bh + 1);
+        data[bh] |= bitFieldEndMask[hi & 7];
+    }
+
     void value(int32_t v)
     {
         tick();
         if (v < first || v > last)
             return;
         const uint32_t offset = bitFieldOffset(first, v);
-        if (offset < bits)
-            setBit(data, offset);
+        if ((offset >> 3) < dataLength)
+            putBit(offset);
     }
 
     void range(int32_t lower, int32_t upper)
@@ -568,19 +620,13 @@ struct BitFieldSetWriter
         const int32_t u = upper < last ? upper : last;
         if (l > u)
             return;
-        uint32_t lo = bitFieldOffset(first, l);
+        const uint32_t lo = bitFieldOffset(first, l);
         uint32_t hi = bitFieldOffset(first, u);
-        if (lo >= bits)
+        if ((lo >> 3) >= dataLength)
             return;
-        if (hi >= bits)
-            hi = static_cast<uint32_t>(bits - 1);
-        while (hi - lo >= sliceBits)
-        {
-            writeRange(data, lo, lo + sliceBits - 1);
-            lo += sliceBits;
-            poll();
-        }
-        writeRange(data, lo, hi);
+        if ((hi >> 3) >= dataLength)
+            hi = static_cast<uint32_t>(uint64_t{dataLength} * 8 - 1);
+        putRange(lo, hi);
     }
 
     void rangeArray(const int32_t* elements, uint32_t n)
@@ -606,6 +652,9 @@ struct BitFieldSetWriter
             return true;
         });
     }
+
+    // Zeroes the bytes that no item reached. Call once, after the items.
+    void finish() { zeroUpTo(dataLength); }
 };
 
 }  // namespace zm

@@ -81,12 +81,11 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
     uint8_t* bytes = reinterpret_cast<uint8_t*>(VARDATA(result));
     memcpy(bytes, &shape.first, sizeof(int32_t));
     memcpy(bytes + 4, &shape.last, sizeof(int32_t));
-    uint8_t* data = bytes + 8;
-    memset(data, 0, shape.dataLength);
+    // The data is not zeroed first: the writer stores each byte once (see BitFieldSetWriter).
+    InterruptPoll poll;
+    zm::BitFieldSetWriter<InterruptPoll> writer(bytes + 8, shape, poll);
     if (shape.writeItems)
     {
-        InterruptPoll poll;
-        zm::BitFieldSetWriter<InterruptPoll> writer(data, shape, poll);
         if (kind == zm::pgRangeArray::ArrayDataTypeRange)
             writer.rangeArray(set.data, n);
         else if (kind == zm::pgRangeArray::ArrayDataTypeScalar)
@@ -94,6 +93,7 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
         else
             writer.mixItems(set.data + 1, n - 1);
     }
+    writer.finish();
     PG_RETURN_BYTEA_P(result);
 }
 
