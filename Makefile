@@ -8,7 +8,7 @@ EXTRA_CLEAN = $(EXTENSION)--$(EXTVERSION).sql build/regress
 
 # Every test/sql/*.sql is a regression test, run in name order.
 REGRESS      = $(sort $(basename $(notdir $(wildcard test/sql/*.sql))))
-REGRESS_OPTS = --inputdir=test --outputdir=build/regress
+REGRESS_OPTS = --inputdir=test --outputdir=build/regress --load-extension=kestrava_range_operators
 
 PG_CONFIG ?= pg_config
 PG_CPPFLAGS = -I$(CURDIR)/pluginimpl/inc -I$(CURDIR)/common/inc
