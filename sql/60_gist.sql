@@ -12,7 +12,9 @@
 --   15        packed range   the key contains it          -                  @> (int8, int8)
 --   16        int4 value     the key contains the value   = (int4, int4)     @> (int8, int4)
 -- An operator belongs to a family once, so 11 and 13 (and 14 on the int4 column, where it means
--- the same as 3) carry no operator of their own.
+-- the same as 3) carry no operator of their own. No operator means "the packed range equals
+-- [v, v]" (15 on the int4 column) or "the packed range's lower end is set in the bitfield" (2 on
+-- the packed-range column; && (int8, bytea) tests every value of the range), so those are left out.
 
 CREATE FUNCTION zm_gist_range_consistent(internal, int4, int2, oid, internal) RETURNS bool
 AS 'MODULE_PATHNAME', 'zm_gist_range_consistent'
@@ -46,6 +48,16 @@ CREATE FUNCTION zm_gist_range_decompress(internal) RETURNS internal
 AS 'MODULE_PATHNAME', 'zm_gist_range_decompress'
 LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 COMMENT ON FUNCTION zm_gist_range_decompress(internal) IS 'GiST decompress: keys are used as stored';
+
+CREATE FUNCTION zm_gist_range_fetch_int4(internal) RETURNS internal
+AS 'MODULE_PATHNAME', 'zm_gist_range_fetch_int4'
+LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+COMMENT ON FUNCTION zm_gist_range_fetch_int4(internal) IS 'GiST fetch: the key [v, v] gives back the int4 v (index-only scans)';
+
+CREATE FUNCTION zm_gist_range_fetch_int8(internal) RETURNS internal
+AS 'MODULE_PATHNAME', 'zm_gist_range_fetch_int8'
+LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+COMMENT ON FUNCTION zm_gist_range_fetch_int8(internal) IS 'GiST fetch: a packed-range key is the column value (index-only scans)';
 
 CREATE FUNCTION zm_gist_range_penalty(internal, internal, internal) RETURNS internal
 AS 'MODULE_PATHNAME', 'zm_gist_range_penalty'
@@ -88,6 +100,7 @@ COMMENT ON OPERATOR && (int4, int4[]) IS 'value lies in a range of the range arr
 CREATE OPERATOR CLASS zm_int4_gist_ops
 FOR TYPE int4 USING gist AS
   OPERATOR 1 && (int4, int4[]),
+  OPERATOR 2 <@ (int4, bytea),
   OPERATOR 3 <@ (int4, int8),
   OPERATOR 16 = (int4, int4),
   FUNCTION 1 zm_gist_range_consistent(internal, int4, int2, oid, internal),
@@ -96,10 +109,11 @@ FOR TYPE int4 USING gist AS
   FUNCTION 5 zm_gist_range_penalty(internal, internal, internal),
   FUNCTION 6 zm_gist_range_picksplit(internal, internal),
   FUNCTION 7 zm_gist_range_same(int8, int8, internal),
+  FUNCTION 9 zm_gist_range_fetch_int4(internal),
   FUNCTION 11 zm_gist_range_sortsupport(internal),
   STORAGE int8;
 COMMENT ON OPERATOR CLASS zm_int4_gist_ops USING gist IS
-  'packed-range keys over an int4 column: && range array, <@ packed range, = value';
+  'packed-range keys over an int4 column: && range array, <@ bitfield, <@ packed range, = value';
 
 CREATE OPERATOR CLASS zm_int4rangepacked_gist_ops
 FOR TYPE int8 USING gist AS
@@ -114,6 +128,7 @@ FOR TYPE int8 USING gist AS
   FUNCTION 5 zm_gist_range_penalty(internal, internal, internal),
   FUNCTION 6 zm_gist_range_picksplit(internal, internal),
   FUNCTION 7 zm_gist_range_same(int8, int8, internal),
+  FUNCTION 9 zm_gist_range_fetch_int8(internal),
   FUNCTION 11 zm_gist_range_sortsupport(internal),
   STORAGE int8;
 COMMENT ON OPERATOR CLASS zm_int4rangepacked_gist_ops USING gist IS

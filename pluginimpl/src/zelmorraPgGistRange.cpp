@@ -4,6 +4,7 @@
 // Keys are by-value int8s, so union, same, penalty and decompress allocate nothing; compress
 // allocates one GISTENTRY per leaf key. The rules themselves live in zelmorraPgGistAlgorithms.h.
 #include "zelmorraPgUtils.h"
+#include "zelmorraPgBitField.h"
 #include "zelmorraPgGistAlgorithms.h"
 #include "zelmorraPgPackedRange.h"
 
@@ -28,6 +29,8 @@ PG_FUNCTION_INFO_V1(zm_gist_range_penalty);
 PG_FUNCTION_INFO_V1(zm_gist_range_same);
 PG_FUNCTION_INFO_V1(zm_gist_range_picksplit);
 PG_FUNCTION_INFO_V1(zm_gist_range_sortsupport);
+PG_FUNCTION_INFO_V1(zm_gist_range_fetch_int4);
+PG_FUNCTION_INFO_V1(zm_gist_range_fetch_int8);
 PG_FUNCTION_INFO_V1(zm_int4_overlap_rangearray);
 }
 
@@ -49,6 +52,29 @@ __attribute__((noinline)) bool rangeArrayConsistent(Datum query, const Range<int
     if (ranges.count % 2 != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, "accept only int4[] with an even size");
     return zm::pgRangeArray::rangeArrayQueryConsistent(key, ranges.rangesBegin(), ranges.rangesEnd());
+}
+
+// Bitfield query (strategy 2). On a leaf only the key's lower end is looked at (on an int4 column it
+// is the value itself); on an inner page any set bit in the part of the span the key covers. An
+// empty bitfield matches nothing, exactly, on any page.
+__attribute__((noinline)) bool bitFieldConsistent(Datum query, const Range<int>& key, bool leaf, bool* recheck)
+{
+    const bytea* bitfield = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(query));
+    const zm::BitFieldInfo info = zm::readBitField(bitfield, VARSIZE(bitfield));
+    if (info.status == zm::BitFieldStatus::Empty)
+    {
+        *recheck = false;
+        return false;
+    }
+    if (info.status != zm::BitFieldStatus::Ok)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_gist_range_consistent", "invalid bitfield array");
+    *recheck = !leaf;
+    if (leaf)
+        return zm::bitFieldHasValue(info, key.lower);
+    if (info.first > key.upper || info.last < key.lower)
+        return false;
+    return zm::anyBitSet(info.begin, zm::bitFieldOffset(info.first, std::max(key.lower, info.first)),
+                         zm::bitFieldOffset(info.first, std::min(key.upper, info.last)));
 }
 
 [[noreturn]] __attribute__((noinline, cold)) void unimplementedStrategy()
@@ -87,6 +113,8 @@ extern "C" Datum zm_gist_range_consistent(PG_FUNCTION_ARGS)
         case zm::pgRangeArray::GistStrategyRangeArrayAlt:
             result = rangeArrayConsistent(PG_GETARG_DATUM(1), key, "zm_gist_range_consistent");
             break;
+        case zm::pgRangeArray::GistStrategyBitField:
+            PG_RETURN_BOOL(bitFieldConsistent(PG_GETARG_DATUM(1), key, leaf, recheck));
         default:
             unimplementedStrategy();
     }
@@ -140,6 +168,18 @@ extern "C" Datum zm_gist_range_compress_int8(PG_FUNCTION_ARGS)
 }
 
 extern "C" Datum zm_gist_range_decompress(PG_FUNCTION_ARGS) { PG_RETURN_POINTER(PG_GETARG_POINTER(0)); }
+
+// Fetch turns a leaf key back into the column value, so that index-only scans can answer queries
+// that need nothing but the indexed column: [v, v] gives v back, a packed range is its own key.
+extern "C" Datum zm_gist_range_fetch_int4(PG_FUNCTION_ARGS)
+{
+    GISTENTRY* entry = reinterpret_cast<GISTENTRY*>(PG_GETARG_POINTER(0));
+    GISTENTRY* fetched = static_cast<GISTENTRY*>(palloc(sizeof(GISTENTRY)));
+    gistentryinit(*fetched, Int32GetDatum(entryKey(*entry).lower), entry->rel, entry->page, entry->offset, false);
+    PG_RETURN_POINTER(fetched);
+}
+
+extern "C" Datum zm_gist_range_fetch_int8(PG_FUNCTION_ARGS) { PG_RETURN_POINTER(PG_GETARG_POINTER(0)); }
 
 extern "C" Datum zm_gist_range_penalty(PG_FUNCTION_ARGS)
 {

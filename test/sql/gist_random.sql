@@ -1,5 +1,11 @@
+-- The output does not depend on whether an earlier test created the extension; one created here is
+-- dropped at the end, so the database is left as found.
+CREATE TEMP TABLE gist_random_extensions_before AS
+SELECT extname FROM pg_extension WHERE extname IN ('kestrava_range_operators', 'pageinspect');
+SET client_min_messages = warning;
 CREATE EXTENSION IF NOT EXISTS kestrava_range_operators;
 CREATE EXTENSION IF NOT EXISTS pageinspect;
+RESET client_min_messages;
 -- Index scans against sequential scans on random tables and random queries. Each operator of each
 -- class is run, query by query, once with the operator evaluated on every row (sequential scan) and
 -- once through the index (plain and bitmap index scans), on three copies of the table whose
@@ -60,7 +66,10 @@ BEGIN
   END LOOP;
   RETURN levels;
 END $$;
-SELECT relname, pg_temp.index_levels(oid) AS levels, pg_relation_size(oid) / 8192 AS pages
+-- (Inserts choose at random among equally good subtrees, so only the sorted builds have a fixed
+-- size.)
+SELECT relname, pg_temp.index_levels(oid) AS levels,
+       CASE WHEN relname LIKE '%sorted%' THEN (pg_relation_size(oid) / 8192)::text ELSE 'varies' END AS pages
 FROM pg_class WHERE relname LIKE 'rnd\__\_%\_idx' ORDER BY relname;
 
 -- Random queries.
@@ -121,36 +130,70 @@ CREATE TABLE rnd_q_value AS
   END AS v
   FROM (SELECT qid, random() AS k, 1 + floor(random() * :rows)::int AS pick FROM generate_series(1, :queries) qid) s;
 DELETE FROM rnd_q_value WHERE v IS NULL;
+-- Bitfields: spans of 1 to 3000 values (a few up to 60000) with 0.5% to 50% of their bits set,
+-- around the data or beside it, and the empty ones.
+CREATE FUNCTION pg_temp.le4(x int4) RETURNS bytea LANGUAGE sql IMMUTABLE AS $$
+  SELECT set_byte(set_byte(set_byte(set_byte('\x00000000'::bytea, 0, x & 255), 1, (x >> 8) & 255), 2, (x >> 16) & 255), 3, (x >> 24) & 255)
+$$;
+CREATE FUNCTION pg_temp.random_bitfield(first int4, n int4, density float8) RETURNS bytea LANGUAGE plpgsql AS $$
+DECLARE data bytea := decode(repeat('00', ((n::int8 + 63) / 64 * 8)::int), 'hex');
+BEGIN
+  FOR k IN 0 .. n - 1 LOOP
+    IF random() < density THEN
+      data := set_bit(data, (k >> 3) * 8 + 7 - (k & 7), 1);
+    END IF;
+  END LOOP;
+  RETURN pg_temp.le4(first) || pg_temp.le4(first + n - 1) || data;
+END $$;
+CREATE TABLE rnd_q_bitfield AS
+  SELECT qid, CASE
+    WHEN k < 0.85 THEN pg_temp.random_bitfield(lo, 1 + floor(random() * 3000)::int4, CASE WHEN random() < 0.5 THEN 0.005 ELSE 0.5 END)
+    WHEN k < 0.90 THEN pg_temp.random_bitfield(lo, 1 + floor(random() * 60000)::int4, 0.0005)
+    WHEN k < 0.93 THEN pg_temp.random_bitfield(999999990 + floor(random() * 20)::int4, 1 + floor(random() * 20)::int4, 0.5)
+    WHEN k < 0.95 THEN pg_temp.le4(0) || pg_temp.le4(-1) || '\x00'::bytea
+    WHEN k < 0.97 THEN pg_temp.le4(0) || pg_temp.le4(-1) || '\x0000000000000000'::bytea
+    ELSE pg_temp.le4(lo) || pg_temp.le4(lo - 1)
+  END AS b
+  FROM (SELECT qid, random() AS k, floor(random() * 46000 - 23000)::int4 AS lo FROM generate_series(1, :queries) qid) s;
+SELECT count(*) AS bitfields, count(*) FILTER (WHERE length(b) <= 16) AS empty FROM rnd_q_bitfield;
 SELECT count(*) AS range_arrays, count(*) FILTER (WHERE cardinality(a) = 0) AS empty FROM rnd_q_array;
 SELECT count(*) AS packed_ranges, count(*) FILTER (WHERE zm_rangepacked_lower(q) > zm_rangepacked_upper(q)) AS reversed FROM rnd_q_packed;
 SELECT count(*) AS values FROM rnd_q_value;
 ANALYZE;
 
 -- For one operator: the rows of every query by a sequential scan of the first table, then by
--- plain and bitmap index scans of each table, compared query by query.
-CREATE FUNCTION pg_temp.check_operator(tables text[], qtable text, clause text)
+-- plain, bitmap and index-only scans of each table, compared query by query (the index-only scan
+-- returns the indexed column's values, the others the row ids).
+CREATE FUNCTION pg_temp.check_operator(tables text[], qtable text, clause text, col text)
 RETURNS TABLE(tbl text, scan text, index_used bool, queries bigint, rows_found bigint, mismatches bigint)
 LANGUAGE plpgsql AS $$
 DECLARE
-  sel text;
+  both_sel text;  -- per query: the ids and the column values found
+  vals_sel text;  -- per query: the column values found (all an index-only scan can give)
   line text;
   mode text;
+  scan_node text;
 BEGIN
-  sel := 'SELECT q.qid, coalesce(array_agg(t.id ORDER BY t.id) FILTER (WHERE t.id IS NOT NULL), ''{}'') AS ids FROM '
-         || qtable || ' q LEFT JOIN %s t ON ' || clause || ' GROUP BY q.qid';
+  both_sel := 'SELECT q.qid, coalesce(array_agg(t.id ORDER BY t.id) FILTER (WHERE t.id IS NOT NULL), ''{}'') AS ids, '
+              || 'coalesce(array_agg(t.' || col || ' ORDER BY t.' || col || ') FILTER (WHERE t.id IS NOT NULL), ''{}'') AS vals '
+              || 'FROM ' || qtable || ' q LEFT JOIN %s t ON ' || clause || ' GROUP BY q.qid';
+  vals_sel := 'SELECT q.qid, NULL::int[] AS ids, coalesce(array_agg(t.' || col || ' ORDER BY t.' || col || ') '
+              || 'FILTER (WHERE t.' || col || ' IS NOT NULL), ''{}'') AS vals '
+              || 'FROM ' || qtable || ' q LEFT JOIN %s t ON ' || clause || ' GROUP BY q.qid';
   PERFORM set_config('enable_hashjoin', 'off', true);
   PERFORM set_config('enable_mergejoin', 'off', true);
   PERFORM set_config('enable_material', 'off', true);
-  PERFORM set_config('jit', 'off', true);
   PERFORM set_config('enable_memoize', 'off', true);
+  PERFORM set_config('jit', 'off', true);
 
   PERFORM set_config('enable_seqscan', 'on', true);
   PERFORM set_config('enable_indexscan', 'off', true);
+  PERFORM set_config('enable_indexonlyscan', 'off', true);
   PERFORM set_config('enable_bitmapscan', 'off', true);
   DROP TABLE IF EXISTS rnd_expected;
-  EXECUTE 'CREATE TEMP TABLE rnd_expected AS ' || format(sel, tables[1]);
+  EXECUTE 'CREATE TEMP TABLE rnd_expected AS ' || format(both_sel, tables[1]);
   tbl := tables[1]; scan := 'seq'; index_used := false;
-  FOR line IN EXECUTE 'EXPLAIN (COSTS OFF) ' || format(sel, tables[1]) LOOP
+  FOR line IN EXECUTE 'EXPLAIN (COSTS OFF) ' || format(both_sel, tables[1]) LOOP
     index_used := index_used OR line LIKE '%Index%';
   END LOOP;
   SELECT count(*), sum(cardinality(ids)) INTO queries, rows_found FROM rnd_expected;
@@ -159,25 +202,33 @@ BEGIN
 
   PERFORM set_config('enable_seqscan', 'off', true);
   FOREACH tbl IN ARRAY tables LOOP
-    FOREACH mode IN ARRAY ARRAY['index', 'bitmap'] LOOP
+    FOREACH mode IN ARRAY ARRAY['index', 'bitmap', 'indexonly'] LOOP
       scan := mode;
-      PERFORM set_config('enable_indexscan', CASE WHEN mode = 'index' THEN 'on' ELSE 'off' END, true);
+      -- enable_indexscan covers index-only scans as well; vacuumed tables make them the cheaper.
+      PERFORM set_config('enable_indexscan', CASE WHEN mode = 'bitmap' THEN 'off' ELSE 'on' END, true);
       PERFORM set_config('enable_bitmapscan', CASE WHEN mode = 'bitmap' THEN 'on' ELSE 'off' END, true);
+      PERFORM set_config('enable_indexonlyscan', CASE WHEN mode = 'indexonly' THEN 'on' ELSE 'off' END, true);
+      scan_node := CASE mode WHEN 'index' THEN '%Index Scan using ' || tbl || '_idx on%'
+                             WHEN 'bitmap' THEN '%Bitmap Index Scan on ' || tbl || '_idx%'
+                             ELSE '%Index Only Scan using ' || tbl || '_idx on%' END;
       index_used := false;
-      FOR line IN EXECUTE 'EXPLAIN (COSTS OFF) ' || format(sel, tbl) LOOP
-        index_used := index_used OR line LIKE '%Index Scan using ' || tbl || '_idx on%'
-                                 OR line LIKE '%Bitmap Index Scan on ' || tbl || '_idx%';
+      FOR line IN EXECUTE 'EXPLAIN (COSTS OFF) ' || format(CASE WHEN mode = 'indexonly' THEN vals_sel ELSE both_sel END, tbl) LOOP
+        index_used := index_used OR line LIKE scan_node;
       END LOOP;
-      EXECUTE 'SELECT count(*), sum(cardinality(r.ids)), count(*) FILTER (WHERE r.ids IS DISTINCT FROM e.ids) FROM ('
-              || format(sel, tbl) || ') r FULL JOIN rnd_expected e USING (qid)'
+      EXECUTE 'SELECT count(*), sum(cardinality(r.vals)), count(*) FILTER (WHERE r.vals IS DISTINCT FROM e.vals'
+              || CASE WHEN mode = 'indexonly' THEN '' ELSE ' OR r.ids IS DISTINCT FROM e.ids' END || ') FROM ('
+              || format(CASE WHEN mode = 'indexonly' THEN vals_sel ELSE both_sel END, tbl)
+              || ') r FULL JOIN rnd_expected e USING (qid)'
         INTO queries, rows_found, mismatches;
       RETURN NEXT;
     END LOOP;
   END LOOP;
   PERFORM set_config('enable_seqscan', 'on', true);
   PERFORM set_config('enable_indexscan', 'on', true);
+  PERFORM set_config('enable_indexonlyscan', 'on', true);
   PERFORM set_config('enable_bitmapscan', 'on', true);
 END $$;
+VACUUM ANALYZE;
 
 -- One plan of each kind, for the record.
 SET enable_seqscan = off; SET enable_bitmapscan = off; SET enable_hashjoin = off; SET enable_mergejoin = off;
@@ -191,16 +242,17 @@ SET client_min_messages = warning;
 
 -- zm_int4_gist_ops on an int4 column.
 \set vtables '{rnd_v_sorted,rnd_v_inserted,rnd_v_buffered}'
-SELECT 'v && int4[]' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_array', 't.v && q.a');
-SELECT 'v <@ int8' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_packed', 't.v <@ q.q');
-SELECT 'v = int4' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_value', 't.v = q.v');
+SELECT 'v && int4[]' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_array', 't.v && q.a', 'v');
+SELECT 'v <@ int8' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_packed', 't.v <@ q.q', 'v');
+SELECT 'v <@ bytea' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_bitfield', 't.v <@ q.b', 'v');
+SELECT 'v = int4' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_value', 't.v = q.v', 'v');
 -- zm_int4rangepacked_gist_ops on a packed-range column.
 \set ptables '{rnd_p_sorted,rnd_p_inserted,rnd_p_buffered}'
-SELECT 'p && int4[]' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_array', 't.p && q.a');
-SELECT 'p && int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p && q.q');
-SELECT 'p <@ int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p <@ q.q');
-SELECT 'p @> int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p @> q.q');
-SELECT 'int4 <@ p' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_value', 'q.v <@ t.p');
+SELECT 'p && int4[]' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_array', 't.p && q.a', 'p');
+SELECT 'p && int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p && q.q', 'p');
+SELECT 'p <@ int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p <@ q.q', 'p');
+SELECT 'p @> int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p @> q.q', 'p');
+SELECT 'int4 <@ p' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_value', 'q.v <@ t.p', 'p');
 
 -- A deeper index built by inserts alone, so that inner pages split too: every inner key must be
 -- exactly the union of the keys of the page below it, and every row must be reachable.
@@ -242,17 +294,28 @@ CREATE TABLE rnd_p_deep (LIKE rnd_p_sorted);
 CREATE INDEX rnd_p_deep_idx ON rnd_p_deep USING gist (p zm_int4rangepacked_gist_ops);
 INSERT INTO rnd_p_deep
   SELECT i, zm_range_pack(lo, lo + floor(random() * 13)::int4)
-  FROM (SELECT i, floor(random() * 400001 - 200000)::int4 AS lo FROM generate_series(1, 90000) i ORDER BY random()) s;
-SELECT * FROM pg_temp.check_tree('rnd_p_deep_idx');
-SELECT * FROM pg_temp.check_tree('rnd_p_inserted_idx');
+  FROM (SELECT i, floor(random() * 400001 - 200000)::int4 AS lo FROM generate_series(1, 120000) i ORDER BY random()) s;
+SELECT levels, leaf_entries, inner_entries > 407 AS root_has_split, wrong_unions FROM pg_temp.check_tree('rnd_p_deep_idx');
+SELECT levels, leaf_entries, wrong_unions FROM pg_temp.check_tree('rnd_p_inserted_idx');
+SELECT levels, leaf_entries, wrong_unions FROM pg_temp.check_tree('rnd_v_buffered_idx');
 SELECT * FROM pg_temp.check_tree('rnd_p_sorted_idx');
-ANALYZE rnd_p_deep;
+VACUUM ANALYZE rnd_p_deep;
 CREATE TABLE rnd_q_deep AS
   SELECT qid, zm_range_pack(lo, lo + CASE WHEN qid % 2 = 0 THEN 20 ELSE 2000 END) AS q
   FROM (SELECT qid, floor(random() * 410000 - 205000)::int4 AS lo FROM generate_series(1, 60) qid) s;
-SELECT 'p && int8' AS operator, * FROM pg_temp.check_operator('{rnd_p_deep}', 'rnd_q_deep', 't.p && q.q');
-SELECT 'p <@ int8' AS operator, * FROM pg_temp.check_operator('{rnd_p_deep}', 'rnd_q_deep', 't.p <@ q.q');
+SELECT 'p && int8' AS operator, * FROM pg_temp.check_operator('{rnd_p_deep}', 'rnd_q_deep', 't.p && q.q', 'p');
+SELECT 'p <@ int8' AS operator, * FROM pg_temp.check_operator('{rnd_p_deep}', 'rnd_q_deep', 't.p <@ q.q', 'p');
 
 DROP TABLE rnd_p_deep, rnd_q_deep;
 DROP TABLE rnd_v_sorted, rnd_v_inserted, rnd_v_buffered, rnd_p_sorted, rnd_p_inserted, rnd_p_buffered,
-           rnd_q_array, rnd_q_packed, rnd_q_value;
+           rnd_q_array, rnd_q_packed, rnd_q_value, rnd_q_bitfield;
+
+DO $$
+DECLARE e text;
+BEGIN
+  FOREACH e IN ARRAY ARRAY['pageinspect', 'kestrava_range_operators'] LOOP
+    IF NOT EXISTS (SELECT FROM gist_random_extensions_before WHERE extname = e) THEN
+      EXECUTE format('DROP EXTENSION %I', e);
+    END IF;
+  END LOOP;
+END $$;
