@@ -4,10 +4,18 @@
 # packed-range class, btree_gist on an int4 column for the value class. Prints build time, index
 # size and the time of 1000 overlap, containment and value queries, side by side with ratios.
 #
-# usage: bench/gist.sh [rows]   (default 1000000)
+# usage: bench/gist.sh [rows]          benchmark (default 10^6 rows)
+#        bench/gist.sh check [rows]    the randomized index-versus-sequential-scan test at full size
+#                                      (default 10^5 rows): fails unless every index scan was used
+#                                      and returned exactly the sequential scan's rows
 source "$(dirname "$0")/../scripts/lib.sh"
 
-ROWS=${1:-1000000}
+MODE=bench
+if [ "${1:-}" = check ]; then
+    MODE=check
+    shift
+fi
+ROWS=${1:-$([ $MODE = check ] && echo 100000 || echo 1000000)}
 QUERIES=1000
 
 ensure_dependencies
@@ -15,6 +23,20 @@ cd "$PROJECT_ROOT"
 build_extension
 install_extension
 start_throwaway_server
+
+if [ $MODE = check ]; then
+    log "randomized index scans against sequential scans on $ROWS rows"
+    out=$(mktemp)
+    psql -X -q -v rows="$ROWS" -v queries=300 -f test/sql/gist_random.sql > "$out" 2>&1
+    grep -E '^ +(levels|[0-9]+ +\|)|\| (seq|index|bitmap|indexonly) ' "$out" || true
+    bad=$(grep -cE 'ERROR' "$out" || true)
+    wrong=$(grep -E '\| (index|bitmap|indexonly) ' "$out" | awk -F'|' '$4 !~ /t/ || ($7 + 0) != 0' | wc -l)
+    checked=$(grep -cE '\| (index|bitmap|indexonly) ' "$out" || true)
+    rm -f "$out"
+    echo "index scans checked: $checked, wrong or not using the index: $wrong, errors: $bad"
+    [ "$wrong" -eq 0 ] && [ "$bad" -eq 0 ] && [ "$checked" -gt 0 ]
+    exit
+fi
 
 psql -X -q -v ON_ERROR_STOP=1 -v rows="$ROWS" -v queries="$QUERIES" <<'SQL'
 \pset footer off

@@ -43,7 +43,7 @@ Range<int> entryKey(const GISTENTRY& entry) { return unpackRange(DatumGetInt64(e
 // Range-array query (strategies 1 and 11). Only int4 arrays are accepted; an array that is not
 // one-dimensional or has a null bitmap holds no ranges and matches nothing. `function` names the
 // caller in the error report.
-__attribute__((noinline)) bool rangeArrayConsistent(Datum query, const Range<int>& key, const char* function)
+__attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key, const char* function)
 {
     ArrayType* array = zm::pg::detoastArray(query);
     if (ARR_ELEMTYPE(array) != INT4OID)
@@ -57,7 +57,7 @@ __attribute__((noinline)) bool rangeArrayConsistent(Datum query, const Range<int
 // Bitfield query (strategy 2). On a leaf only the key's lower end is looked at (on an int4 column it
 // is the value itself); on an inner page any set bit in the part of the span the key covers. An
 // empty bitfield matches nothing, exactly, on any page.
-__attribute__((noinline)) bool bitFieldConsistent(Datum query, const Range<int>& key, bool leaf, bool* recheck)
+__attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, bool leaf, bool* recheck)
 {
     const bytea* bitfield = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(query));
     const zm::BitFieldInfo info = zm::readBitField(bitfield, VARSIZE(bitfield));
