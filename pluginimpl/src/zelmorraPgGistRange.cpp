@@ -11,6 +11,7 @@
 extern "C" {
 #include "access/gist.h"
 #include "access/stratnum.h"
+#include "miscadmin.h"
 #include "utils/rel.h"
 #include "utils/sortsupport.h"
 }
@@ -73,8 +74,19 @@ __attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, b
         return zm::bitFieldHasValue(info, key.lower);
     if (info.first > key.upper || info.last < key.lower)
         return false;
-    return zm::anyBitSet(info.begin, zm::bitFieldOffset(info.first, std::max(key.lower, info.first)),
-                         zm::bitFieldOffset(info.first, std::min(key.upper, info.last)));
+    // A wide key over a huge bitfield can mean hundreds of megabytes: test it in slices and let
+    // the query be cancelled between them.
+    constexpr uint32_t SLICE = 1u << 26;  // offsets, i.e. 8 MB of bits
+    uint32_t lo = zm::bitFieldOffset(info.first, std::max(key.lower, info.first));
+    const uint32_t hi = zm::bitFieldOffset(info.first, std::min(key.upper, info.last));
+    while (hi - lo >= SLICE)
+    {
+        if (zm::anyBitSet(info.begin, lo, lo + SLICE - 1))
+            return true;
+        lo += SLICE;
+        CHECK_FOR_INTERRUPTS();
+    }
+    return zm::anyBitSet(info.begin, lo, hi);
 }
 
 [[noreturn]] __attribute__((noinline, cold)) void unimplementedStrategy()
