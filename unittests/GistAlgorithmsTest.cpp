@@ -135,7 +135,7 @@ struct Reference
     bool ok = true;
 };
 
-// Keys must be pairwise distinct (the order among identical ranges is not specified).
+// Keys must be pairwise distinct (the order among identical ranges is left open).
 Reference referenceSplit(const std::vector<Range>& keys)
 {
     const size_t n = keys.size();

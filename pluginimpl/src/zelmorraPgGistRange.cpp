@@ -1,8 +1,9 @@
 // GiST support for packed ranges: an int4 column or a packed-range (int8) column indexed by keys
 // that are packed ranges, searchable by range arrays, bitfields, packed ranges and values.
 //
-// Keys are by-value int8s, so union, same, penalty and decompress allocate nothing; compress
-// allocates one GISTENTRY per leaf key. The rules themselves live in zelmorraPgGistAlgorithms.h.
+// Keys are by-value int8s, so union, same, penalty and decompress allocate nothing; compress and
+// the int4 fetch allocate one GISTENTRY per leaf key. The rules themselves live in
+// zelmorraPgGistAlgorithms.h.
 #include "zelmorraPgUtils.h"
 #include "zelmorraPgBitField.h"
 #include "zelmorraPgGistAlgorithms.h"
