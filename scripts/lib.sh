@@ -53,6 +53,8 @@ as_server_user() {
 
 # Starts a throwaway cluster listening only on a unix socket in a fresh temporary directory, and
 # arranges for it to be stopped and removed when the calling script exits, whatever the outcome.
+# The server must not inherit the install lock (fd 9): a script killed before its exit trap runs
+# would otherwise leave a server behind that holds the lock for every other checkout.
 # Exports PGHOST, PGPORT, PGUSER, PGDATABASE and SERVER_LOG.
 start_throwaway_server() {
     THROWAWAY_DIR=$(mktemp -d /tmp/kestrava-pg.XXXXXX)
@@ -67,7 +69,7 @@ start_throwaway_server() {
     as_server_user initdb -D "$THROWAWAY_DIR/data" --auth=trust --no-sync -E UTF8 --locale=C.UTF-8 >/dev/null
     as_server_user pg_ctl -D "$THROWAWAY_DIR/data" -l "$SERVER_LOG" -w -o \
         "-c listen_addresses='' -c unix_socket_directories='$THROWAWAY_DIR' -p $PGPORT -c fsync=off -c max_worker_processes=8 -c max_parallel_workers=8 -c log_line_prefix='%m [%p] '" \
-        start >/dev/null
+        start >/dev/null 9>&-
 }
 
 stop_throwaway_server() {

@@ -3,6 +3,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <new>
+#include <ostream>
 #include <stdexcept>
 #include <vector>
 
@@ -35,6 +37,12 @@ struct OwnedRanges
     std::vector<Range> ranges() const { return std::vector<Range>(v.begin(), v.end()); }
 };
 
-inline bool operator==(const Range& a, const Range& b) { return a.lower == b.lower && a.upper == b.upper; }
+// In the namespace of Range so that argument-dependent lookup finds them from inside GoogleTest and
+// the standard containers (a global operator is hidden there by their own operators).
+namespace zm {
+namespace pgRangeArray {
+inline bool operator==(const Range<int>& a, const Range<int>& b) { return a.lower == b.lower && a.upper == b.upper; }
 
-inline std::ostream& operator<<(std::ostream& os, const Range& r) { return os << '[' << r.lower << ',' << r.upper << ']'; }
+inline std::ostream& operator<<(std::ostream& os, const Range<int>& r) { return os << '[' << r.lower << ',' << r.upper << ']'; }
+}  // namespace pgRangeArray
+}  // namespace zm

@@ -1,0 +1,135 @@
+// The range algorithms outside the server: the floor that the SQL functions are measured against.
+//
+// Reads lines "n<TAB>A<TAB>B<TAB>C" (range arrays as space-separated int4 values, C being the
+// complement of A) from standard input and prints, per size and operation, the best time of one
+// call in microseconds:  <n> <operation> <microseconds>
+// The output vector is reused across calls (no allocation inside the timed loop), so this is the
+// pure merge: no detoasting, no result array, no executor.
+#include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "zelmorraPgRangeArray.h"
+
+namespace {
+
+struct MallocAllocator
+{
+    static void* allocate(size_t bytes)
+    {
+        void* block = std::malloc(bytes ? bytes : 1);
+        if (!block)
+            outOfMemory();
+        return block;
+    }
+    static void deallocate(void* block) { std::free(block); }
+    static void diagnostic(const char* line) { std::puts(line); }
+    [[noreturn]] static void outOfMemory()
+    {
+        std::fputs("out of memory\n", stderr);
+        std::abort();
+    }
+};
+
+using Range = zm::pgRangeArray::Range<int>;
+using RangeVector = zm::tVectorBase<Range, MallocAllocator>;
+using Clock = std::chrono::steady_clock;
+
+std::vector<int32_t> parseValues(const std::string& text)
+{
+    std::vector<int32_t> values;
+    std::istringstream in(text);
+    long long v;
+    while (in >> v)
+        values.push_back(static_cast<int32_t>(v));
+    if (values.size() % 2 != 0)
+    {
+        std::fputs("odd range array length\n", stderr);
+        std::exit(1);
+    }
+    return values;
+}
+
+const Range* rangesOf(const std::vector<int32_t>& v) { return reinterpret_cast<const Range*>(v.data()); }
+
+// Best time of one call over several batches, each batch lasting at least `batchSeconds`.
+template <typename Call>
+double bestMicroseconds(Call call, double batchSeconds)
+{
+    double best = 1e300;
+    for (int batch = 0; batch < 5; ++batch)
+    {
+        long calls = 0;
+        const Clock::time_point start = Clock::now();
+        double elapsed = 0;
+        do
+        {
+            call();
+            asm volatile("" ::: "memory");  // keep the call inside the loop
+            ++calls;
+            elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+        } while (elapsed < batchSeconds);
+        best = std::min(best, elapsed * 1e6 / static_cast<double>(calls));
+    }
+    return best;
+}
+
+volatile size_t sink;
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const double batchSeconds = argc > 1 ? std::atof(argv[1]) : 0.05;
+    std::string line;
+    while (std::getline(std::cin, line))
+    {
+        std::vector<std::string> fields;
+        std::istringstream in(line);
+        std::string field;
+        while (std::getline(in, field, '\t'))
+            fields.push_back(field);
+        if (fields.size() != 4)
+        {
+            std::fputs("expected n, A, B and C separated by tabs\n", stderr);
+            return 1;
+        }
+        const std::vector<int32_t> a = parseValues(fields[1]), b = parseValues(fields[2]), c = parseValues(fields[3]);
+        const Range *aBegin = rangesOf(a), *aEnd = aBegin + a.size() / 2;
+        const Range *bBegin = rangesOf(b), *bEnd = bBegin + b.size() / 2;
+        const Range *cBegin = rangesOf(c), *cEnd = cBegin + c.size() / 2;
+
+        RangeVector out;
+        out.init(std::max<size_t>({a.size() / 2, b.size() / 2, 1}));
+        const std::string& n = fields[0];
+        auto report = [&](const char* operation, double us) { std::printf("%s %s %.3f\n", n.c_str(), operation, us); };
+
+        report("union", bestMicroseconds([&] {
+            zm::pgRangeArray::computeUnion(aBegin, aEnd, bBegin, bEnd, out);
+            sink = out.size;
+        }, batchSeconds));
+        report("intersection", bestMicroseconds([&] {
+            zm::pgRangeArray::computeIntersection(aBegin, aEnd, bBegin, bEnd, out);
+            sink = out.size;
+        }, batchSeconds));
+        report("exclusion", bestMicroseconds([&] {
+            zm::pgRangeArray::computeExclusion(aBegin, aEnd, bBegin, bEnd, out);
+            sink = out.size;
+        }, batchSeconds));
+        report("overlap_full_scan", bestMicroseconds([&] {
+            sink = zm::pgRangeArray::isOverlapping(aBegin, aEnd, cBegin, cEnd);
+        }, batchSeconds));
+        report("overlap_early_hit", bestMicroseconds([&] {
+            sink = zm::pgRangeArray::isOverlapping(aBegin, aEnd, bBegin, bEnd);
+        }, batchSeconds));
+        out.release();
+        std::fflush(stdout);
+    }
+    return 0;
+}
