@@ -75,10 +75,10 @@ LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 COMMENT ON FUNCTION zm_int4rangepacked_contains_int4(int8, int4, int8) IS
   'the value (second argument) lies inside the packed range (third argument); the first argument is ignored';
 
-CREATE FUNCTION zm_int4rangepacked_contains_int4(int8, int4) RETURNS bool
-LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
-RETURN zm_int4rangepacked_contains_int4(0::int8, $2, $1);
-COMMENT ON FUNCTION zm_int4rangepacked_contains_int4(int8, int4) IS 'the packed range contains the value';
+CREATE FUNCTION zm_int4rangepacked_contains_value(int8, int4) RETURNS bool
+AS 'MODULE_PATHNAME', 'zm_int4rangepacked_contains_value'
+LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
+COMMENT ON FUNCTION zm_int4rangepacked_contains_value(int8, int4) IS 'the packed range contains the value';
 
 -- Operators. None is defined on (int4[], int4[]) under a name that core arrays or intarray use.
 CREATE OPERATOR &&& (
@@ -122,6 +122,6 @@ CREATE OPERATOR <@ (
 COMMENT ON OPERATOR <@ (int4, int8) IS 'value lies inside the packed range';
 
 CREATE OPERATOR @> (
-  LEFTARG = int8, RIGHTARG = int4, FUNCTION = zm_int4rangepacked_contains_int4,
+  LEFTARG = int8, RIGHTARG = int4, FUNCTION = zm_int4rangepacked_contains_value,
   COMMUTATOR = <@, RESTRICT = contsel, JOIN = contjoinsel);
 COMMENT ON OPERATOR @> (int8, int4) IS 'packed range contains the value';

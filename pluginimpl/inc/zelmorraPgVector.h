@@ -91,8 +91,9 @@ struct tVectorBase
 
     void push_back(const T& value)
     {
+        const T copy = value;  // value may live in the block that growth frees
         reserveFor(size + 1);
-        data[size++] = value;
+        data[size++] = copy;
     }
 
     void append(const T* first, const T* last)

@@ -15,6 +15,7 @@ PG_FUNCTION_INFO_V1(zm_int4rangepacked_included_in_int4rangepacked);
 PG_FUNCTION_INFO_V1(zm_int4rangepacked_contains_int4rangepacked);
 PG_FUNCTION_INFO_V1(zm_int4_in_packedrange);
 PG_FUNCTION_INFO_V1(zm_int4rangepacked_contains_int4);
+PG_FUNCTION_INFO_V1(zm_int4rangepacked_contains_value);
 }
 
 namespace {
@@ -84,6 +85,13 @@ extern "C" Datum zm_int4_in_packedrange(PG_FUNCTION_ARGS)
 extern "C" Datum zm_int4rangepacked_contains_int4(PG_FUNCTION_ARGS)
 {
     PG_RETURN_BOOL(zm::pgRangeArray::packedContainsValue(packedArgument(fcinfo, 2), PG_GETARG_INT32(1)));
+}
+
+// The same test with the packed range first, for the operator int8 @> int4: an inlinable SQL
+// wrapper would be expanded before the planner looks for an index, so this is a C function.
+extern "C" Datum zm_int4rangepacked_contains_value(PG_FUNCTION_ARGS)
+{
+    PG_RETURN_BOOL(zm::pgRangeArray::packedContainsValue(packedArgument(fcinfo, 0), PG_GETARG_INT32(1)));
 }
 
 // ---- bitfield tests ----

@@ -93,9 +93,10 @@ SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE p <@ zm_
 SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE p <@ zm_range_pack(3, 5)');
 -- 15: the key contains the query.
 SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE p @> zm_range_pack(3, 4)');
--- 16: the value lies in the key, ends included (written value <@ column, see the docs).
+-- 16: the value lies in the key, ends included (value <@ column, or column @> value).
 SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE 5 <@ p');
 SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE 2 <@ p');
+SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE p @> 5');
 -- 1: range arrays; an empty, a two-dimensional and a NULL-holding array match nothing.
 SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE p && ''{0,1,7,7}''::int4[]');
 SELECT * FROM pg_temp.both_ways('SELECT r FROM gist_packed_ranges WHERE p && ''{}''::int4[]');

@@ -46,7 +46,7 @@ SELECT zm_int4_in_packedrange(5, pg_temp.p(5,5)) AS t, zm_int4_in_packedrange(6,
 -- the three-argument form reads the value from the second and the packed range from the third
 SELECT zm_int4rangepacked_contains_int4(12345, 7, pg_temp.p(1,9)) AS t,
        zm_int4rangepacked_contains_int4(0, 10, pg_temp.p(1,9)) AS f,
-       zm_int4rangepacked_contains_int4(pg_temp.p(1,9), 7) AS two_argument_form_t;
+       zm_int4rangepacked_contains_value(pg_temp.p(1,9), 7) AS packed_first_form_t;
 
 -- errors: 22023 "invalid range array" at the reported locations
 \set VERBOSITY verbose
