@@ -161,7 +161,8 @@ constexpr size_t ShortOperandScratchSize = VARHDRSZ + 0x7f;
 ArrayType* operandArray(Datum datum, char* scratch)
 {
     struct varlena* value = reinterpret_cast<struct varlena*>(DatumGetPointer(datum));
-    if (VARATT_IS_SHORT(value))
+    // A TOAST pointer also has a 1-byte header: test for it first.
+    if (VARATT_IS_SHORT(value) && !VARATT_IS_EXTERNAL(value))
     {
         const size_t payload = VARSIZE_SHORT(value) - VARHDRSZ_SHORT;
         SET_VARSIZE(scratch, payload + VARHDRSZ);
