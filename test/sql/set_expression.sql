@@ -203,6 +203,24 @@ INSERT INTO se_big VALUES (2, 3, '{0,59990}');
 SELECT pg_column_size(operand) > 8192 AS out_of_line FROM se_big WHERE k = 1;
 SELECT zm_int4range_op(op, operand ORDER BY k) FROM se_big;
 
+-- An array variable of PL/pgSQL changed element by element (held in expanded form) is read as well.
+CREATE FUNCTION se_expanded() RETURNS int4[]
+LANGUAGE plpgsql AS $$
+DECLARE
+  a int4[] := '{}';
+  r int4[];
+BEGIN
+  FOR i IN 1 .. 3 LOOP
+    a[2 * i - 1] := 10 * i;
+    a[2 * i] := 10 * i + 2;
+  END LOOP;
+  SELECT zm_int4range_op(op, a ORDER BY op) INTO r FROM (VALUES (1::int2), (2::int2)) v(op);
+  RETURN r;
+END
+$$;
+SELECT se_expanded();
+
+DROP FUNCTION se_expanded();
 DROP TABLE se_big;
 DROP FUNCTION se_loops(text);
 DROP TABLE se_outer;
