@@ -152,13 +152,13 @@ using Int4RangeOpData = zm::pgRangeArray::Int4RangeOpData<MemoryContext, zm::pg:
 using SetExpression = zm::pgRangeArray::SetExpression<MemoryContext, zm::pg::PallocAllocator, SetExpressionErrors>;
 
 // Room for the largest short-header (1-byte length) varlena widened to a 4-byte header.
-constexpr size_t ShortOperandScratchSize = VARHDRSZ + 0x7f;
+constexpr size_t SetExpressionScratchSize = VARHDRSZ + 0x7f;
 
 // The operand as an array with a 4-byte header. Short values, the usual form of small arrays read
 // from a table, are widened into `scratch` rather than into a palloc'd copy, so that a row of small
 // operands allocates nothing; compressed, out-of-line and expanded values are detoasted in the
 // current (per-row) memory context.
-ArrayType* operandArray(Datum datum, char* scratch)
+ArrayType* setExpressionOperand(Datum datum, char* scratch)
 {
     struct varlena* value = reinterpret_cast<struct varlena*>(DatumGetPointer(datum));
     // A TOAST pointer also has a 1-byte header: test for it first.
@@ -197,7 +197,7 @@ SetExpressionAggState* createSetExpressionState(MemoryContext aggregateContext)
     return state;
 }
 
-ArrayType* copyArray(const ArrayType* array, MemoryContext context)
+ArrayType* copySetExpressionResult(const ArrayType* array, MemoryContext context)
 {
     ArrayType* copy = static_cast<ArrayType*>(MemoryContextAlloc(context, VARSIZE(array)));
     memcpy(copy, array, VARSIZE(array));
@@ -220,8 +220,8 @@ extern "C" Datum zm_int4range_op_transfn(PG_FUNCTION_ARGS)
     if (PG_ARGISNULL(2))
         PG_RETURN_POINTER(state);
 
-    alignas(8) char scratch[ShortOperandScratchSize];
-    const Int4ArrayView operand = zm::pg::viewInt4Array(operandArray(PG_GETARG_DATUM(2), scratch));
+    alignas(8) char scratch[SetExpressionScratchSize];
+    const Int4ArrayView operand = zm::pg::viewInt4Array(setExpressionOperand(PG_GETARG_DATUM(2), scratch));
     const int16 opCode = PG_GETARG_INT16(1);
 
     // Buffers that grow take their storage from the state's context.
@@ -241,7 +241,7 @@ extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
     if (state == nullptr)
         PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
     if (state->finalResult != nullptr)
-        PG_RETURN_ARRAYTYPE_P(copyArray(state->finalResult, CurrentMemoryContext));
+        PG_RETURN_ARRAYTYPE_P(copySetExpressionResult(state->finalResult, CurrentMemoryContext));
 
     // Runs in the caller's context: a buffer that grows here is released with the others below.
     SetExpression::closeAllGroups(state->data);
@@ -249,7 +249,7 @@ extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
     if (root.size > static_cast<size_t>(INT32_MAX / 2))
         ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "zm_int4range_op_finalfn", "array overflow ");
     ArrayType* result = zm::pg::rangesToArray(root.data, root.size);
-    state->finalResult = copyArray(result, GetMemoryChunkContext(state));
+    state->finalResult = copySetExpressionResult(result, GetMemoryChunkContext(state));
 
     MemoryContext context = state->data.context;
     MemoryContext caller = MemoryContextSwitchTo(context);
