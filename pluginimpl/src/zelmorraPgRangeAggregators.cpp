@@ -116,6 +116,149 @@ ArrayDataType ArrayDataTypeFromChar(char letter)
 }  // namespace zm
 
 // ---- set-expression aggregate ----
+// zm_int4range_op(int2, int4[]): rows of op codes and range arrays evaluated eagerly as one
+// parenthesised expression. The evaluation itself is in zelmorraPgSetExpression.h.
+
+#include "zelmorraPgSetExpression.h"
+
+extern "C" {
+PG_FUNCTION_INFO_V1(zm_int4range_op_transfn);
+PG_FUNCTION_INFO_V1(zm_int4range_op_finalfn);
+}
+
+namespace {
+
+struct SetExpressionErrors
+{
+    [[noreturn]] static void closeRootGroup()
+    {
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "closeGroup", "try to close root parenthesis group");
+    }
+    [[noreturn]] static void maxDepthReached()
+    {
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "addValue", "reach max parenthesis group depth");
+    }
+    [[noreturn]] static void unknownOperation(int32_t id)
+    {
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "addToCurrentGroup", "Unknown operation id %i", id);
+    }
+    [[noreturn]] static void oddOperandLength()
+    {
+        ZM_ERROR(ZM_SQLSTATE_DATATYPE_MISMATCH, __LINE__, "addValue", "%s", LENGTH_NOT_EVEN);
+    }
+};
+
+using Int4RangeOpData = zm::pgRangeArray::Int4RangeOpData<MemoryContext, zm::pg::PallocAllocator>;
+using SetExpression = zm::pgRangeArray::SetExpression<MemoryContext, zm::pg::PallocAllocator, SetExpressionErrors>;
+
+// Room for the largest short-header (1-byte length) varlena widened to a 4-byte header.
+constexpr size_t SetExpressionScratchSize = VARHDRSZ + 0x7f;
+
+// The operand as an array with a 4-byte header. Short values, the usual form of small arrays read
+// from a table, are widened into `scratch` rather than into a palloc'd copy, so that a row of small
+// operands allocates nothing; compressed, out-of-line and expanded values are detoasted in the
+// current (per-row) memory context.
+ArrayType* setExpressionOperand(Datum datum, char* scratch)
+{
+    struct varlena* value = reinterpret_cast<struct varlena*>(DatumGetPointer(datum));
+    // A TOAST pointer also has a 1-byte header: test for it first.
+    if (VARATT_IS_SHORT(value) && !VARATT_IS_EXTERNAL(value))
+    {
+        const size_t payload = VARSIZE_SHORT(value) - VARHDRSZ_SHORT;
+        SET_VARSIZE(scratch, payload + VARHDRSZ);
+        memcpy(VARDATA(scratch), VARDATA_SHORT(value), payload);
+        return reinterpret_cast<ArrayType*>(scratch);
+    }
+    if (VARATT_IS_EXTENDED(value))
+        return reinterpret_cast<ArrayType*>(pg_detoast_datum(value));
+    return reinterpret_cast<ArrayType*>(value);
+}
+
+// What the server holds as the aggregate's state. The evaluation state's buffers live in its own
+// context, which the final function deletes; this holder stays in the aggregate context. A hashed
+// aggregate that is rescanned without changed parameters finalises every group again, whatever
+// FINALFUNC_MODIFY says, and the second call must find the kept result rather than freed memory.
+struct SetExpressionAggState
+{
+    Int4RangeOpData data;    // first: data.context is the state's own context
+    ArrayType* finalResult;  // the result, kept in the aggregate context once finalised
+};
+
+static_assert(std::is_trivially_destructible_v<SetExpressionAggState>, "lives across longjmp-raised errors");
+
+SetExpressionAggState* createSetExpressionState(MemoryContext aggregateContext)
+{
+    SetExpressionAggState* state =
+        static_cast<SetExpressionAggState*>(MemoryContextAllocZero(aggregateContext, sizeof(SetExpressionAggState)));
+    state->data.context = zm::pg::createStateContext(aggregateContext, "zm_int4range_op_transfn");
+    MemoryContext caller = MemoryContextSwitchTo(state->data.context);
+    SetExpression::initialise(state->data);
+    MemoryContextSwitchTo(caller);
+    return state;
+}
+
+ArrayType* copySetExpressionResult(const ArrayType* array, MemoryContext context)
+{
+    ArrayType* copy = static_cast<ArrayType*>(MemoryContextAlloc(context, VARSIZE(array)));
+    memcpy(copy, array, VARSIZE(array));
+    return copy;
+}
+
+}  // namespace
+
+// Non-strict: a NULL operand skips the row, a NULL op code is an error.
+extern "C" Datum zm_int4range_op_transfn(PG_FUNCTION_ARGS)
+{
+    const char* const function = "zm_int4range_op_transfn";
+    if (PG_ARGISNULL(1))
+        ZM_ERROR(ZM_SQLSTATE_SET_EXPRESSION, __LINE__, function, "null operation is not now allowed");
+    MemoryContext aggregateContext = zm::pg::aggregateContext(fcinfo, function);
+    SetExpressionAggState* state =
+        PG_ARGISNULL(0) ? nullptr : reinterpret_cast<SetExpressionAggState*>(PG_GETARG_POINTER(0));
+    if (state == nullptr)
+        state = createSetExpressionState(aggregateContext);
+    if (PG_ARGISNULL(2))
+        PG_RETURN_POINTER(state);
+
+    alignas(8) char scratch[SetExpressionScratchSize];
+    const Int4ArrayView operand = zm::pg::viewInt4Array(setExpressionOperand(PG_GETARG_DATUM(2), scratch));
+    const int16 opCode = PG_GETARG_INT16(1);
+
+    // Buffers that grow take their storage from the state's context.
+    MemoryContext caller = MemoryContextSwitchTo(state->data.context);
+    SetExpression::addValue(state->data, opCode, operand.data, operand.count);
+    MemoryContextSwitchTo(caller);
+    PG_RETURN_POINTER(state);
+}
+
+// Deletes the state's context and its buffers; only the holder with the kept result survives, in
+// the aggregate context. FINALFUNC_MODIFY = READ_WRITE keeps the server from sharing a state between
+// aggregate calls and from using the aggregate over a window.
+extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
+{
+    SetExpressionAggState* state =
+        PG_ARGISNULL(0) ? nullptr : reinterpret_cast<SetExpressionAggState*>(PG_GETARG_POINTER(0));
+    if (state == nullptr)
+        PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
+    if (state->finalResult != nullptr)
+        PG_RETURN_ARRAYTYPE_P(copySetExpressionResult(state->finalResult, CurrentMemoryContext));
+
+    // Runs in the caller's context: a buffer that grows here is released with the others below.
+    SetExpression::closeAllGroups(state->data);
+    const SetExpression::Buffer& root = SetExpression::rootValue(state->data);
+    if (root.size > static_cast<size_t>(INT32_MAX / 2))
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "zm_int4range_op_finalfn", "array overflow ");
+    ArrayType* result = zm::pg::rangesToArray(root.data, root.size);
+    state->finalResult = copySetExpressionResult(result, GetMemoryChunkContext(state));
+
+    MemoryContext context = state->data.context;
+    MemoryContext caller = MemoryContextSwitchTo(context);
+    SetExpression::releaseBuffers(state->data);
+    MemoryContextSwitchTo(caller);
+    MemoryContextDelete(context);
+    state->data.context = nullptr;
+    PG_RETURN_ARRAYTYPE_P(result);
+}
 
 
 // ---- set aggregates ----
