@@ -135,3 +135,11 @@ TEST(KeepSingleLayout, RandomBytesStayInBounds)
         }
     }
 }
+
+TEST(KeepSingleMessages, ExactTexts)
+{
+    EXPECT_STREQ(ks::unsupportedTypeOnStore, "agg_keep_single unsuported type");
+    EXPECT_STREQ(ks::unsupportedTypeOnCompare, "agg_keep_singleunsuported type");
+    EXPECT_STREQ(ks::typeOrPolicyChanged, "agg_keep_single type or policy changed");
+    EXPECT_STREQ(ks::valueMismatch, "agg_keep_single value missmatch");
+}

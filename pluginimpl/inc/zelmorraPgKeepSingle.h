@@ -51,6 +51,15 @@ inline ValueKind valueKindOf(uint32_t type)
     }
 }
 
+// Messages of the value checks. The two "unsuported type" spellings differ by one blank and both
+// are part of the interface: the first is raised where a value of an unsupported type would be
+// stored (first row, copying a state in combine), the second where one would be compared or
+// returned (a path that only a state of an unsupported type holding a value could take).
+constexpr const char* unsupportedTypeOnStore = "agg_keep_single unsuported type";
+constexpr const char* unsupportedTypeOnCompare = "agg_keep_singleunsuported type";
+constexpr const char* typeOrPolicyChanged = "agg_keep_single type or policy changed";
+constexpr const char* valueMismatch = "agg_keep_single value missmatch";
+
 // Byte-wise equality of two text/bytea payloads; two empty values are equal.
 inline bool sameBytes(const void* a, size_t aLength, const void* b, size_t bLength)
 {

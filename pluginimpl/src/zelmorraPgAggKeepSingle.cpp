@@ -36,7 +36,6 @@ struct AggKeepSingleState
 static_assert(std::is_trivially_destructible_v<AggKeepSingleState>, "states live across longjmp");
 
 const char* const ADD_VALUE = "addValue";
-const char* const MISMATCH = "agg_keep_single value missmatch";
 
 // A fresh empty state in a context of its own under the aggregate context; `function` (a string
 // literal) names both the context and the caller in errors.
@@ -71,21 +70,21 @@ void keepValue(AggKeepSingleState* state, uint32 type, Datum value)
             return;
         case ValueKind::Unsupported: break;
     }
-    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "agg_keep_single unsuported type");
+    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::unsupportedTypeOnStore);
 }
 
 // The checks that a further row (or a second state in combine) passes against the kept value.
 void checkValue(const AggKeepSingleState* state, uint32 type, bool policy, bool isNull, Datum value)
 {
     if (type != state->type || policy != state->policy)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "agg_keep_single type or policy changed");
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::typeOrPolicyChanged);
     if (!state->policy)
         return;
     if (state->isNull)
     {
         if (isNull)
             return;
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", MISMATCH);
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
     }
     switch (valueKindOf(state->type))
     {
@@ -93,11 +92,11 @@ void checkValue(const AggKeepSingleState* state, uint32 type, bool policy, bool 
             // A NULL compares as its datum, 0.
             if (keepSingle::canonicalDatum(type, value) == keepSingle::canonicalDatum(type, state->value))
                 return;
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", MISMATCH);
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
         case ValueKind::VariableLength:
         {
             if (isNull)
-                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", MISMATCH);
+                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
             const varlena* kept = reinterpret_cast<const varlena*>(DatumGetPointer(state->value));
             varlena* incoming = pg_detoast_datum_packed(reinterpret_cast<varlena*>(DatumGetPointer(value)));
             const bool same = keepSingle::sameBytes(VARDATA_ANY(kept), VARSIZE_ANY_EXHDR(kept), VARDATA_ANY(incoming),
@@ -106,11 +105,11 @@ void checkValue(const AggKeepSingleState* state, uint32 type, bool policy, bool 
                 pfree(incoming);
             if (same)
                 return;
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", MISMATCH);
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
         }
         case ValueKind::Unsupported: break;
     }
-    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "agg_keep_singleunsuported type");
+    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::unsupportedTypeOnCompare);
 }
 
 // Copies `from` into `to` (whose context is current): type, flags, and the value when not NULL.
@@ -176,7 +175,7 @@ extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
     // can carry one) must not be handed out as a datum of the wrong type.
     const Oid resultType = get_fn_expr_rettype(fcinfo->flinfo);
     if (OidIsValid(resultType) && resultType != state->type)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "agg_keep_single type or policy changed");
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "%s", zm::keepSingle::typeOrPolicyChanged);
     switch (zm::keepSingle::valueKindOf(state->type))
     {
         case zm::keepSingle::ValueKind::VariableLength:
@@ -193,7 +192,7 @@ extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
         }
         case zm::keepSingle::ValueKind::Unsupported: break;
     }
-    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "agg_keep_singleunsuported type");
+    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "%s", zm::keepSingle::unsupportedTypeOnCompare);
 }
 
 // Merges two states into a new one; the inputs are left as they are.
