@@ -299,6 +299,17 @@ TEST(ConversionSort, SmallAndSpecial)
     V expected = extremes;
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(sorted(extremes), expected);
+    // Already in order, reversed, and in order but for the last element.
+    V ascending(5000);
+    for (size_t i = 0; i < ascending.size(); ++i)
+        ascending[i] = static_cast<int32_t>(i * 3) - 7000;
+    EXPECT_EQ(sorted(ascending), ascending);
+    EXPECT_EQ(sorted(V(ascending.rbegin(), ascending.rend())), ascending);
+    V almost = ascending;
+    almost.back() = INT_MIN;
+    V almostSorted = almost;
+    std::sort(almostSorted.begin(), almostSorted.end());
+    EXPECT_EQ(sorted(almost), almostSorted);
 }
 
 TEST(ConversionSort, RandomAgainstStdSort)

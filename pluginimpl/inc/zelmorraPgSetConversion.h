@@ -313,12 +313,19 @@ Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>
     return Status::Ok;
 }
 
-// Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Short
-// inputs use std::sort, longer ones a least-significant-digit radix sort on the sign-flipped keys
-// (11, 11 and 10 bits), skipping a digit where every key falls into one bucket.
+// Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Input
+// that is already in order (the usual case for scalar arrays) is copied as it is; short inputs use
+// std::sort, longer ones a least-significant-digit radix sort on the sign-flipped keys (11, 11 and
+// 10 bits), skipping a digit where every key falls into one bucket.
 template <typename Interrupts>
 void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
 {
+    if (std::is_sorted(src, src + n))
+    {
+        if (n)
+            std::memcpy(dst, src, n * sizeof(int32_t));
+        return;
+    }
     constexpr size_t shortInput = 256;
     if (n < shortInput)
     {
