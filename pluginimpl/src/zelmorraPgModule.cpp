@@ -40,8 +40,9 @@ void raiseError(int sqlstate, const char* file, int line, const char* function, 
     if (errstart(ERROR, TEXTDOMAIN))
     {
         errcode(sqlstate);
-        if (format)
-            errmsg_internal("%s", message);
+        // A report without text still carries an empty message: PL/pgSQL exception handlers read
+        // the message unconditionally and crash on a missing one.
+        errmsg_internal("%s", format ? message : "");
         errfinish(file, line, function);
     }
     pg_unreachable();

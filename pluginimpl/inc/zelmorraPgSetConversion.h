@@ -1,0 +1,395 @@
+// Conversions between the scalar, range and mix forms of an int4 set, the int4 sort, and the
+// walk over mix-array items shared with the bytea decoder.
+//
+// The conversions rewrite their input literally: they check what each one needs (sortedness, even
+// length, well-formed range items) and never sort, merge or deduplicate beyond the run rule of the
+// scalar conversions. Failures come back as a Status; the caller reports them (and releases its
+// buffers first), so nothing here longjmps with a half-written output.
+//
+// No PostgreSQL dependency: templates over the allocator of the output vectors and over an
+// Interrupts policy (`static void check()`) that long loops call now and then, so unit tests and
+// fuzz targets instantiate them with plain malloc and a no-op.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "zelmorraPgRangeArray.h"
+#include "zelmorraPgVector.h"
+
+namespace zm {
+namespace setConversion {
+
+using pgRangeArray::Range;
+
+enum class Status
+{
+    Ok,
+    ScalarToRangeNotSorted,
+    ScalarToMixNotSorted,
+    OddRangeCount,
+    OutputTooSmall,
+    InvalidRangeDefinition,
+    ConversionError,
+    ArrayOverflow,     // result length beyond int32
+    MixArrayOverflow,  // the same in scalar-to-mix, whose message has no trailing blank
+};
+
+// The message each failure is reported with (exact texts, trailing blank of "array overflow "
+// included).
+inline const char* statusMessage(Status status)
+{
+    switch (status)
+    {
+        case Status::Ok: return "";
+        case Status::ScalarToRangeNotSorted: return "convertScalarToRangeArray input data is not sorted";
+        case Status::ScalarToMixNotSorted: return "convertScalarToMixArrayInt4 input data is not sorted";
+        case Status::OddRangeCount: return "invalid int4 count to represent a rangearray";
+        case Status::OutputTooSmall: return "Output array is too small";
+        case Status::InvalidRangeDefinition: return "Invalid range definition";
+        case Status::ConversionError: return "Conversion error";
+        case Status::ArrayOverflow: return "array overflow ";
+        case Status::MixArrayOverflow: return "array overflow";
+    }
+    return "";
+}
+
+// Initial capacity of the working vectors; they double from there.
+constexpr size_t initialCapacity = 1024;
+
+constexpr uint32_t rangeStartBit = 0x80000000u;
+constexpr size_t maxResultLength = 0x7fffffff;
+
+// Work units (values written or items read) between two interrupt checks.
+constexpr size_t interruptInterval = size_t(1) << 20;
+
+struct NoInterrupts
+{
+    static void check() {}
+};
+
+inline int32_t markRangeStart(int32_t lower)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(lower) | rangeStartBit);
+}
+
+inline int32_t clearRangeStart(int32_t element)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(element) & ~rangeStartBit);
+}
+
+// Number of values in [lower, upper]; 0 when lower > upper.
+inline uint64_t valueCount(int32_t lower, int32_t upper)
+{
+    return lower <= upper ? static_cast<uint64_t>(static_cast<int64_t>(upper) - lower) + 1 : 0;
+}
+
+// Writes lower, lower + 1, ..., upper (lower <= upper) and returns the position after the last
+// one. Counting happens in uint32 and stops after writing upper, so a run ending at 2147483647
+// does not overflow.
+template <typename Interrupts>
+int32_t* writeValues(int32_t* out, int32_t lower, int32_t upper)
+{
+    uint32_t value = static_cast<uint32_t>(lower);
+    uint64_t remaining = valueCount(lower, upper);
+    while (remaining)
+    {
+        const size_t chunk = static_cast<size_t>(std::min<uint64_t>(remaining, interruptInterval));
+        for (size_t i = 0; i < chunk; ++i)
+            out[i] = static_cast<int32_t>(value + static_cast<uint32_t>(i));
+        out += chunk;
+        value += static_cast<uint32_t>(chunk);
+        remaining -= chunk;
+        if (remaining)
+            Interrupts::check();
+    }
+    return out;
+}
+
+// Walks mix-array items (element 0, the count, already skipped): a non-negative element is the
+// single value [v, v]; an element with bit 31 set opens a range whose upper end is the next
+// element, which must exist, be non-negative and not lie below the lower end. `visit(lower, upper)`
+// sees every item in order until the first bad one.
+template <typename Visit>
+Status walkMixItems(const int32_t* item, const int32_t* end, Visit&& visit)
+{
+    while (item != end)
+    {
+        const int32_t element = *item++;
+        if (element >= 0)
+        {
+            visit(element, element);
+            continue;
+        }
+        if (item == end)
+            return Status::InvalidRangeDefinition;
+        const int32_t lower = clearRangeStart(element);
+        const int32_t upper = *item++;
+        if (upper < 0 || upper < lower)
+            return Status::InvalidRangeDefinition;
+        visit(lower, upper);
+    }
+    return Status::Ok;
+}
+
+// Scalar array -> range array. Values must not decrease; a value at most one above the current
+// run's end (32-bit wrapping difference) extends the run, duplicates included.
+template <typename A>
+Status scalarToRanges(const int32_t* values, size_t count, tVectorBase<Range<int>, A>& out)
+{
+    out.clear();
+    if (count == 0)
+        return Status::Ok;
+    Range<int> run{values[0], values[0]};
+    for (size_t i = 1; i < count; ++i)
+    {
+        const int32_t x = values[i];
+        if (x < run.upper)
+            return Status::ScalarToRangeNotSorted;
+        if (pgRangeArray::wrappedDifference(x, run.upper) <= 1)
+        {
+            run.upper = x;
+            continue;
+        }
+        out.push_back(run);
+        run = Range<int>{x, x};
+    }
+    out.push_back(run);
+    if (out.size > maxResultLength / 2)
+        return Status::ArrayOverflow;
+    return Status::Ok;
+}
+
+// Scalar array -> mix array. Element 0 receives the input length (duplicates counted), the runs
+// follow as single values or (lower | bit 31, upper) pairs.
+template <typename A>
+Status scalarToMix(const int32_t* values, size_t count, tVectorBase<int32_t, A>& out)
+{
+    out.clear();
+    if (count == 0)
+        return Status::Ok;
+    out.push_back(static_cast<int32_t>(count));
+    int32_t start = values[0];
+    int32_t last = values[0];
+    for (size_t i = 1; i < count; ++i)
+    {
+        const int32_t x = values[i];
+        if (x < last)
+            return Status::ScalarToMixNotSorted;
+        if (pgRangeArray::wrappedDifference(x, last) <= 1)
+        {
+            last = x;
+            continue;
+        }
+        if (start == last)
+        {
+            out.push_back(start);
+        }
+        else
+        {
+            out.push_back(markRangeStart(start));
+            out.push_back(last);
+        }
+        start = last = x;
+    }
+    pgRangeArray::pushIntoMixArray(out, start, last);
+    if (out.size > maxResultLength)
+        return Status::MixArrayOverflow;
+    return Status::Ok;
+}
+
+// Range array -> scalars: every pair with lower <= upper expanded in input order, reversed pairs
+// skipped. `makeOutput(n)` returns room for the n values (it may fail on its own terms).
+template <typename Interrupts, typename MakeOutput>
+Status rangesToScalars(const int32_t* data, size_t count, MakeOutput&& makeOutput)
+{
+    if (count % 2 != 0)
+        return Status::OddRangeCount;
+    const Range<int>* first = reinterpret_cast<const Range<int>*>(data);
+    const Range<int>* last = first + count / 2;
+    uint64_t total = 0;
+    for (const Range<int>* r = first; r != last; ++r)
+        total += valueCount(r->lower, r->upper);
+    if (total > maxResultLength)
+        return Status::ArrayOverflow;
+    int32_t* out = makeOutput(static_cast<size_t>(total));
+    size_t sinceCheck = 0;
+    for (const Range<int>* r = first; r != last; ++r)
+    {
+        if (r->lower > r->upper)
+            continue;
+        out = writeValues<Interrupts>(out, r->lower, r->upper);
+        if (++sinceCheck == interruptInterval)
+        {
+            sinceCheck = 0;
+            Interrupts::check();
+        }
+    }
+    return Status::Ok;
+}
+
+// Range array -> mix array: one item per pair in input order, neither validated nor merged; the
+// count element is the 32-bit wrapping sum of upper - lower + 1.
+template <typename A>
+Status rangesToMix(const int32_t* data, size_t count, tVectorBase<int32_t, A>& out)
+{
+    out.clear();
+    if (count % 2 != 0)
+        return Status::OddRangeCount;
+    if (count == 0)
+        return Status::Ok;
+    out.push_back(0);
+    int32_t total = 0;
+    for (size_t i = 0; i < count; i += 2)
+    {
+        const int32_t lower = data[i];
+        const int32_t upper = data[i + 1];
+        total = pgRangeArray::wrappedAdd(total, pgRangeArray::wrappedAdd(pgRangeArray::wrappedDifference(upper, lower), 1));
+        if (lower == upper)
+        {
+            out.push_back(lower);
+        }
+        else
+        {
+            out.push_back(markRangeStart(lower));
+            out.push_back(upper);
+        }
+    }
+    out[0] = total;
+    if (out.size > maxResultLength)
+        return Status::ArrayOverflow;
+    return Status::Ok;
+}
+
+// Mix array -> scalars. Element 0 declares the value count N; the items must expand to exactly N
+// values, checked before anything is written, so lying counts never write past the output.
+// `maxValues` is the largest output the caller can hold; `makeOutput(n)` returns room for n values.
+template <typename Interrupts, typename MakeOutput>
+Status mixToScalars(const int32_t* data, size_t count, size_t maxValues, MakeOutput&& makeOutput)
+{
+    if (count == 0)
+    {
+        makeOutput(0);
+        return Status::Ok;
+    }
+    const int32_t declared = data[0];
+    if (declared < 0 || static_cast<size_t>(declared) > maxValues)
+        return Status::OutputTooSmall;
+    uint64_t total = 0;
+    const Status status =
+        walkMixItems(data + 1, data + count, [&total](int32_t lower, int32_t upper) { total += valueCount(lower, upper); });
+    if (status != Status::Ok)
+        return status;
+    if (total != static_cast<uint64_t>(declared))
+        return Status::ConversionError;
+    int32_t* out = makeOutput(static_cast<size_t>(declared));
+    size_t sinceCheck = 0;
+    walkMixItems(data + 1, data + count, [&out, &sinceCheck](int32_t lower, int32_t upper) {
+        out = writeValues<Interrupts>(out, lower, upper);
+        if (++sinceCheck == interruptInterval)
+        {
+            sinceCheck = 0;
+            Interrupts::check();
+        }
+    });
+    return Status::Ok;
+}
+
+// Mix array -> range array: one range per item in item order (element 0 is not read).
+template <typename A>
+Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>& out)
+{
+    out.clear();
+    if (count <= 1)
+        return Status::Ok;
+    const Status status =
+        walkMixItems(data + 1, data + count, [&out](int32_t lower, int32_t upper) { out.push_back(Range<int>{lower, upper}); });
+    if (status != Status::Ok)
+        return status;
+    if (out.size > maxResultLength / 2)
+        return Status::ArrayOverflow;
+    return Status::Ok;
+}
+
+// Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Input
+// that is already in order (the usual case for scalar arrays) is copied as it is; short inputs use
+// std::sort, longer ones a least-significant-digit radix sort on the sign-flipped keys (11, 11 and
+// 10 bits), skipping a digit where every key falls into one bucket.
+template <typename Interrupts>
+void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
+{
+    if (std::is_sorted(src, src + n))
+    {
+        if (n)
+            std::memcpy(dst, src, n * sizeof(int32_t));
+        return;
+    }
+    constexpr size_t shortInput = 256;
+    if (n < shortInput)
+    {
+        if (n)
+            std::memcpy(dst, src, n * sizeof(int32_t));
+        std::sort(dst, dst + n);
+        return;
+    }
+
+    constexpr unsigned digitBits = 11;
+    constexpr unsigned buckets = 1u << digitBits;
+    constexpr unsigned digits = 3;
+    auto key = [](int32_t v) { return static_cast<uint32_t>(v) ^ rangeStartBit; };
+    auto digitOf = [](uint32_t k, unsigned d) { return (k >> (d * digitBits)) & (buckets - 1); };
+
+    uint32_t histogram[digits][buckets] = {};
+    for (size_t i = 0; i < n; ++i)
+    {
+        const uint32_t k = key(src[i]);
+        ++histogram[0][digitOf(k, 0)];
+        ++histogram[1][digitOf(k, 1)];
+        ++histogram[2][digitOf(k, 2)];
+    }
+
+    bool needed[digits];
+    unsigned passes = 0;
+    for (unsigned d = 0; d < digits; ++d)
+    {
+        needed[d] = histogram[d][digitOf(key(src[0]), d)] != n;
+        passes += needed[d];
+    }
+    if (passes == 0)  // all keys equal
+    {
+        std::memcpy(dst, src, n * sizeof(int32_t));
+        return;
+    }
+
+    // The passes alternate between scratch and dst so that the last one writes dst.
+    const int32_t* from = src;
+    unsigned remaining = passes;
+    for (unsigned d = 0; d < digits; ++d)
+    {
+        if (!needed[d])
+            continue;
+        int32_t* to = (remaining % 2 == 1) ? dst : scratch;
+        uint32_t offset = 0;
+        for (unsigned b = 0; b < buckets; ++b)
+        {
+            const uint32_t c = histogram[d][b];
+            histogram[d][b] = offset;
+            offset += c;
+        }
+        uint32_t* position = histogram[d];
+        const unsigned shift = d * digitBits;
+        for (size_t i = 0; i < n; ++i)
+        {
+            const int32_t v = from[i];
+            to[position[(key(v) >> shift) & (buckets - 1)]++] = v;
+        }
+        from = to;
+        --remaining;
+        Interrupts::check();
+    }
+}
+
+}  // namespace setConversion
+}  // namespace zm
