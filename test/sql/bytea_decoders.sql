@@ -93,4 +93,3 @@ GROUP BY 1 ORDER BY 1;
 SELECT CASE WHEN r LIKE '{%' THEN 'decoded' ELSE r END AS float_outcome, count(*) > 20 AS common
 FROM (SELECT pg_temp.try(format('SELECT zm_bytea2floatarray(%L::bytea)', p)) AS r FROM garbage) g
 GROUP BY 1 ORDER BY 1;
-DROP EXTENSION kestrava_range_operators;

@@ -148,4 +148,3 @@ SELECT pg_temp.try($$SELECT zm_sort_int4('{3,1}'::int2[])$$);
 SELECT pg_temp.try($$SELECT zm_sort_int4('{}'::int8[])$$);
 -- sorted scalars feed the scalar conversions
 SELECT zm_int4setconv_int4('s', zm_sort_int4('{8,3,1,2,7,3}'::int4[]), 'r');
-DROP EXTENSION kestrava_range_operators;

@@ -142,4 +142,3 @@ SELECT count(*) AS decoder_mismatches FROM garbage_outcomes WHERE mr IS DISTINCT
 -- every outcome occurs
 SELECT CASE WHEN ms LIKE '{%' THEN 'converted' ELSE ms END AS mix_to_scalars, count(*) > 10 AS common
 FROM garbage_outcomes GROUP BY 1 ORDER BY 1;
-DROP EXTENSION kestrava_range_operators;

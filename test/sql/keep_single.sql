@@ -185,4 +185,3 @@ DROP AGGREGATE keep_single_from_bytes(bytea);
 DROP FUNCTION keep_single_raw_state(internal);
 DROP AGGREGATE keep_single_serialised(anyelement);
 DROP FUNCTION keep_single_serialised_state(internal);
-DROP EXTENSION kestrava_range_operators;

@@ -121,4 +121,3 @@ RESET min_parallel_table_scan_size;
 RESET max_parallel_workers_per_gather;
 DROP TABLE keep_single_par, keep_single_par_toast, keep_single_par_empty, keep_single_par_mismatch,
            keep_single_par_toast_mismatch;
-DROP EXTENSION kestrava_range_operators;
