@@ -159,18 +159,16 @@ extern "C" Datum zm_agg_keep_single_transfn(PG_FUNCTION_ARGS)
     PG_RETURN_POINTER(state);
 }
 
-// Returns the kept value (NULL when none) and deletes the state.
+// Returns the kept value (NULL when none). The state is left to the aggregate's memory context:
+// a hashed aggregate that is rescanned without new input finalises each group again, whatever
+// FINALFUNC_MODIFY says, and must find the state intact. It holds one value, so nothing is gained
+// by freeing it earlier.
 extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
 {
     const char* const function = "zm_agg_keep_single_finalfn";
     AggKeepSingleState* state = zm::pg::stateArgument(fcinfo, 0);
-    if (state == nullptr)
+    if (state == nullptr || state->isNull)
         PG_RETURN_NULL();
-    if (state->isNull)
-    {
-        MemoryContextDelete(state->context);
-        PG_RETURN_NULL();
-    }
     // A partial state of another type than the aggregate returns (only a corrupt serialised state
     // can carry one) must not be handed out as a datum of the wrong type.
     const Oid resultType = get_fn_expr_rettype(fcinfo->flinfo);
@@ -179,17 +177,9 @@ extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
     switch (zm::keepSingle::valueKindOf(state->type))
     {
         case zm::keepSingle::ValueKind::VariableLength:
-        {
-            varlena* copy = PG_DETOAST_DATUM_COPY(state->value);
-            MemoryContextDelete(state->context);
-            PG_RETURN_POINTER(copy);
-        }
+            PG_RETURN_POINTER(PG_DETOAST_DATUM_COPY(state->value));
         case zm::keepSingle::ValueKind::ByValue:
-        {
-            const Datum value = state->value;
-            MemoryContextDelete(state->context);
-            return value;
-        }
+            return state->value;
         case zm::keepSingle::ValueKind::Unsupported: break;
     }
     ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "%s", zm::keepSingle::unsupportedTypeOnCompare);

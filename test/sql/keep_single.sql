@@ -185,3 +185,24 @@ DROP AGGREGATE keep_single_from_bytes(bytea);
 DROP FUNCTION keep_single_raw_state(internal);
 DROP AGGREGATE keep_single_serialised(anyelement);
 DROP FUNCTION keep_single_serialised_state(internal);
+
+-- A hashed aggregate that is rescanned without new input finalises every group again; the kept
+-- values must still be there (the input scan runs once, the aggregate's output three times).
+SET enable_sort = off;
+SET max_parallel_workers_per_gather = 0;
+CREATE TEMP TABLE ks_rescan_rows AS
+SELECT g, repeat('value ' || g, 400) AS t, g::int8 * 10 AS i FROM generate_series(1, 3) g, generate_series(1, 5);
+CREATE TEMP TABLE ks_rescan_outer AS SELECT generate_series(1, 3) AS s;
+ANALYZE ks_rescan_rows, ks_rescan_outer;
+SELECT o.s, (SELECT left(a.v, 14) || length(a.v) FROM (SELECT g, agg_keep_single(t) AS v FROM ks_rescan_rows GROUP BY g) a
+             WHERE a.g = o.s + 0 * length(a.v)) AS kept_text
+FROM ks_rescan_outer o ORDER BY o.s;
+SELECT o.s, (SELECT a.v FROM (SELECT g, agg_keep_single(i, false) AS v FROM ks_rescan_rows GROUP BY g) a
+             WHERE a.g = o.s + 0 * a.v) AS kept_int8
+FROM ks_rescan_outer o ORDER BY o.s;
+EXPLAIN (COSTS OFF)
+SELECT o.s, (SELECT left(a.v, 14) || length(a.v) FROM (SELECT g, agg_keep_single(t) AS v FROM ks_rescan_rows GROUP BY g) a
+             WHERE a.g = o.s + 0 * length(a.v)) AS kept_text
+FROM ks_rescan_outer o ORDER BY o.s;
+RESET enable_sort;
+RESET max_parallel_workers_per_gather;
