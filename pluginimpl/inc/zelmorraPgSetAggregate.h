@@ -1,0 +1,503 @@
+// Transition states of the int4 set aggregates, without PostgreSQL dependency.
+//
+// Int4ToSetOpDataSetBase keeps the set as a sorted list of disjoint closed ranges. Its contract is
+// that every row's range goes through rangeArrayInsert, in row order. Done literally that is
+// quadratic on unsorted input (each insert shifts half the list), so ordinary ranges are buffered
+// and merged in batches instead. This is exact, not an approximation:
+//
+//   As long as the list is canonical (sorted, no two ranges touching, lower <= upper, no upper bound
+//   at INT32_MAX) and the range r is ordinary (lower <= upper < INT32_MAX), rangeArrayInsert's two
+//   binary searches see monotone predicates without wrap-around and its result is the canonical
+//   form of list + r. The canonical form of a set is unique, so any sequence of such inserts ends
+//   in the canonical form of the union, whatever the order; a sort and a merge produce the same.
+//
+// A range ending at INT32_MAX (r.upper + 1 wraps, so rangeArrayInsert puts it at the front without
+// merging) or given reversed breaks the list's order, after which the binary searches' results
+// depend on their exact probe sequence. The first such range therefore flushes the buffer and
+// switches the state to literal per-row rangeArrayInsert for the rest of its life.
+//
+// Every state operation that can fail returns a status instead of reporting, so that the server
+// glue restores the caller's memory context before it raises the ERROR.
+//
+// Template parameters:
+//   Allocator: see zelmorraPgVector.h.
+//   Hooks:     static void checkInterrupts(); called between batches and every few thousand
+//              elements of long loops, so that a cancel request is honoured.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "zelmorraPgRangeArray.h"
+#include "zelmorraPgVector.h"
+
+namespace zm {
+
+// Array data type codes of the set aggregates (the letter codes match ArrayDataTypeFromChar).
+namespace setAggType {
+constexpr int32_t Uninitialised = 0;
+constexpr int32_t SingleValue = 1;     // one int4 per row (input only)
+constexpr int32_t LowerUpperPair = 2;  // an int4 lower and upper per row (input only)
+constexpr int32_t Scalar = 3;
+constexpr int32_t Range = 4;
+constexpr int32_t Mix = 5;
+}  // namespace setAggType
+
+enum class SetAggStatus : uint8_t
+{
+    Ok,
+    NotRangeArray,          // a range-array row with an odd element count
+    NotImplemented,         // an input type outside 1..5
+    CombineMismatch,        // addOtherCtx: states built for different input or output types
+    EmptyBytea,             // fromBytea: shorter than the two type bytes
+    EmptyRangeArray,        // fromBytea: an initialised state without ranges
+    InvalidRangeArraySize,  // fromBytea: not a whole number of ranges
+};
+
+namespace setAggDetail {
+
+using IntRange = pgRangeArray::Range<int>;
+
+// Sort key of a lower bound: signed order as unsigned order.
+inline uint32_t lowerKey(const IntRange& r) { return static_cast<uint32_t>(r.lower) ^ 0x80000000u; }
+
+// Sorts n ranges by lower bound (LSD radix sort, digits of 11, 11 and 10 bits; a digit that is
+// the same for every range costs no pass). `temp` holds n ranges. Returns where the sorted ranges
+// are: data or temp.
+inline IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
+{
+    if (n < 48)
+    {
+        for (size_t i = 1; i < n; ++i)
+        {
+            const IntRange r = data[i];
+            size_t j = i;
+            for (; j > 0 && data[j - 1].lower > r.lower; --j)
+                data[j] = data[j - 1];
+            data[j] = r;
+        }
+        return data;
+    }
+    constexpr int digitBits[3] = {11, 11, 10};
+    constexpr int digitShift[3] = {0, 11, 22};
+    size_t histogram[3][2048];
+    std::memset(histogram, 0, sizeof histogram);
+    for (size_t i = 0; i < n; ++i)
+    {
+        const uint32_t k = lowerKey(data[i]);
+        ++histogram[0][k & 2047];
+        ++histogram[1][(k >> 11) & 2047];
+        ++histogram[2][k >> 22];
+    }
+    IntRange* src = data;
+    IntRange* dst = temp;
+    for (int pass = 0; pass < 3; ++pass)
+    {
+        size_t* h = histogram[pass];
+        const int shift = digitShift[pass];
+        const uint32_t mask = (1u << digitBits[pass]) - 1;
+        if (h[(lowerKey(src[0]) >> shift) & mask] == n)
+            continue;
+        size_t offset = 0;
+        for (uint32_t d = 0; d <= mask; ++d)
+        {
+            const size_t c = h[d];
+            h[d] = offset;
+            offset += c;
+        }
+        for (size_t i = 0; i < n; ++i)
+        {
+            const IntRange r = src[i];
+            dst[h[(lowerKey(r) >> shift) & mask]++] = r;
+        }
+        std::swap(src, dst);
+    }
+    return src;
+}
+
+// Joins touching or overlapping ranges of a sorted sequence of ordinary ranges (upper < INT32_MAX,
+// so upper + 1 cannot wrap), writing to out (which may be in); returns the count written.
+inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
+{
+    if (n == 0)
+        return 0;
+    size_t w = 0;
+    out[0] = in[0];
+    for (size_t i = 1; i < n; ++i)
+    {
+        const IntRange r = in[i];
+        if (r.lower <= out[w].upper + 1)
+        {
+            if (r.upper > out[w].upper)
+                out[w].upper = r.upper;
+        }
+        else
+            out[++w] = r;
+    }
+    return w + 1;
+}
+
+inline bool isOrdinary(int32_t lower, int32_t upper) { return lower <= upper && upper != INT32_MAX; }
+
+inline void storeInt32(uint8_t* to, int32_t v) { std::memcpy(to, &v, sizeof v); }
+inline int32_t loadInt32(const uint8_t* from)
+{
+    int32_t v;
+    std::memcpy(&v, from, sizeof v);
+    return v;
+}
+
+}  // namespace setAggDetail
+
+// State of zm_int4set_agg. The first four fields are the state as the aggregate defines it; the
+// rest is the batching machinery described at the top of this file.
+template <typename Allocator, typename Hooks>
+struct Int4ToSetOpDataSetBase
+{
+    using IntRange = pgRangeArray::Range<int>;
+    using Ranges = tVectorBase<IntRange, Allocator>;
+
+    static constexpr size_t initialCapacity = 1024;
+    static constexpr size_t defaultMinBatch = 65536;
+    static constexpr size_t interruptInterval = 8192;
+
+    void* memoryContext;
+    int32_t inputType;
+    int32_t outputType;
+    Ranges ranges;
+
+    // Ordinary ranges not merged into `ranges` yet (unsorted), allocated on first need.
+    Ranges pending;
+    // Smallest batch merged at once; batches also grow with the list (a quarter of it), which
+    // keeps the merging cost per row constant.
+    size_t minBatch;
+    // The list left its canonical form (or its provenance is unknown): literal rangeArrayInsert.
+    bool insertEachRow;
+
+    // A fresh state with room for 1024 ranges. `rowsFollow` is false for states made by combine and
+    // deserial, whose ranges are trusted as stored and which never receive rows.
+    void init(void* context, bool rowsFollow = true)
+    {
+        memoryContext = context;
+        inputType = setAggType::Uninitialised;
+        outputType = setAggType::Uninitialised;
+        ranges.init(initialCapacity);
+        pending.capacity = 0;
+        pending.size = 0;
+        pending.data = nullptr;
+        minBatch = defaultMinBatch;
+        insertEachRow = !rowsFollow;
+    }
+
+    void release()
+    {
+        ranges.release();
+        pending.release();
+    }
+
+    // ---- rows ----
+
+    void addValue(int32_t v) { addRange(v, v); }
+
+    // One range as rangeArrayInsert would insert it (bounds taken as given, reversed or not).
+    void addRange(int32_t lower, int32_t upper)
+    {
+        if (!insertEachRow)
+        {
+            if (setAggDetail::isOrdinary(lower, upper))
+            {
+                addOrdinary(IntRange{lower, upper});
+                return;
+            }
+            flush();
+            insertEachRow = true;
+            pending.release();
+        }
+        pgRangeArray::rangeArrayInsert(ranges, IntRange{lower, upper});
+    }
+
+    // Elements of a scalar array, each the range [e, e], in array order.
+    void addScalarArray(const int32_t* data, size_t count)
+    {
+        for (size_t i = 0; i < count; ++i)
+        {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Hooks::checkInterrupts();
+            addRange(data[i], data[i]);
+        }
+    }
+
+    // Lower/upper pairs of a range array, in array order; an odd element count is refused.
+    SetAggStatus addRangeArray(const int32_t* data, size_t count)
+    {
+        if (count % 2 != 0)
+            return SetAggStatus::NotRangeArray;
+        for (size_t i = 0; i < count; i += 2)
+        {
+            if ((i & (2 * interruptInterval - 1)) == 2 * interruptInterval - 2)
+                Hooks::checkInterrupts();
+            addRange(data[i], data[i + 1]);
+        }
+        return SetAggStatus::Ok;
+    }
+
+    // Items of a mix array after its count element: e >= 0 is [e, e], a negative e opens the range
+    // [e & 0x7fffffff, next element]. A range opener without a next element is ignored.
+    void addMixArray(const int32_t* data, size_t count)
+    {
+        for (size_t i = 1; i < count; ++i)
+        {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Hooks::checkInterrupts();
+            const int32_t e = data[i];
+            if (e >= 0)
+                addRange(e, e);
+            else if (i + 1 < count)
+            {
+                addRange(static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu), data[i + 1]);
+                ++i;
+            }
+        }
+    }
+
+    // ---- batches ----
+
+    // Merges the buffered ranges into the list; afterwards `ranges` is exactly what per-row
+    // insertion would have produced. Called before every combine, serial and final step.
+    void flush()
+    {
+        using namespace setAggDetail;
+        const size_t p = pending.size;
+        if (p == 0)
+            return;
+        Hooks::checkInterrupts();
+        const size_t s = ranges.size;
+        // The list's spare room doubles as the sort's scratch space and then takes the merge.
+        ranges.reserveFor(s + p);
+        IntRange* sorted = sortByLower(pending.data, ranges.data + s, p);
+        const size_t b = coalesceSorted(sorted, p, pending.data);
+        pending.size = 0;
+
+        // Merge from the back: the list's ranges above the batch move up, the others stay put.
+        IntRange* out = ranges.data;
+        const IntRange* batch = pending.data;
+        size_t i = s;
+        size_t j = b;
+        size_t k = s + b;
+        while (j > 0)
+        {
+            if (i > 0 && out[i - 1].lower > batch[j - 1].lower)
+                out[--k] = out[--i];
+            else
+                out[--k] = batch[--j];
+        }
+        // out[0, i) is untouched and canonical; join touching ranges from the first moved one on.
+        const size_t from = i > 0 ? i - 1 : 0;
+        ranges.size = from + coalesceSorted(out + from, s + b - from, out + from);
+        Hooks::checkInterrupts();
+    }
+
+    // ---- combine ----
+
+    // Merges other (flushed) into this (flushed) state; other is not changed.
+    SetAggStatus addOtherCtx(const Int4ToSetOpDataSetBase& other)
+    {
+        if (inputType == setAggType::Uninitialised)
+        {
+            inputType = other.inputType;
+            outputType = other.outputType;
+            ranges.clear();
+            ranges.append(other.ranges.begin(), other.ranges.end());
+            return SetAggStatus::Ok;
+        }
+        if (inputType != other.inputType || outputType != other.outputType)
+            return SetAggStatus::CombineMismatch;
+        Ranges merged;
+        merged.init(std::max<size_t>(ranges.size + other.ranges.size, 1));
+        pgRangeArray::computeUnion(ranges.begin(), ranges.end(), other.ranges.begin(), other.ranges.end(), merged);
+        ranges.release();
+        ranges = merged;
+        return SetAggStatus::Ok;
+    }
+
+    // On a fresh state: the result of addOtherCtx(*a) then addOtherCtx(*b) (a null pointer stands
+    // for an argument that is not there), without first copying a when both are there.
+    SetAggStatus addOtherCtxPair(const Int4ToSetOpDataSetBase* a, const Int4ToSetOpDataSetBase* b)
+    {
+        if (a != nullptr && b != nullptr && a->inputType != setAggType::Uninitialised &&
+            inputType == setAggType::Uninitialised)
+        {
+            if (a->inputType != b->inputType || a->outputType != b->outputType)
+                return SetAggStatus::CombineMismatch;
+            inputType = a->inputType;
+            outputType = a->outputType;
+            const size_t need = std::max<size_t>(a->ranges.size + b->ranges.size, 1);
+            if (ranges.capacity < need)
+            {
+                ranges.release();
+                ranges.init(need);
+            }
+            pgRangeArray::computeUnion(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(), ranges);
+            return SetAggStatus::Ok;
+        }
+        SetAggStatus status = SetAggStatus::Ok;
+        if (a != nullptr)
+            status = addOtherCtx(*a);
+        if (status == SetAggStatus::Ok && b != nullptr)
+            status = addOtherCtx(*b);
+        return status;
+    }
+
+    // ---- serialised form: input type byte, output type byte, then the ranges ----
+
+    static constexpr size_t headerBytes = 2;
+
+    size_t serialisedSize() const { return headerBytes + ranges.size * sizeof(IntRange); }
+
+    // Writes serialisedSize() bytes (a flushed state).
+    void toBytes(uint8_t* out) const
+    {
+        out[0] = static_cast<uint8_t>(inputType);
+        out[1] = static_cast<uint8_t>(outputType);
+        if (ranges.size)
+            std::memcpy(out + headerBytes, ranges.data, ranges.size * sizeof(IntRange));
+    }
+
+    // Rebuilds a fresh state from `length` serialised bytes. The ranges are trusted as stored.
+    SetAggStatus fromBytes(const uint8_t* in, size_t length)
+    {
+        if (length < headerBytes)
+            return SetAggStatus::EmptyBytea;
+        inputType = in[0];
+        outputType = in[1];
+        const size_t d = length - headerBytes;
+        if (d == 0)
+            return inputType == setAggType::Uninitialised ? SetAggStatus::Ok : SetAggStatus::EmptyRangeArray;
+        if (d % sizeof(IntRange) != 0)
+            return SetAggStatus::InvalidRangeArraySize;
+        const size_t n = d / sizeof(IntRange);
+        if (n > ranges.capacity)
+        {
+            ranges.release();
+            ranges.init(n);
+        }
+        std::memcpy(ranges.data, in + headerBytes, d);
+        ranges.size = n;
+        return SetAggStatus::Ok;
+    }
+
+    // ---- final forms (a flushed state) ----
+
+    // Values of the scalar output: ranges with lower <= upper expanded.
+    uint64_t scalarCount() const
+    {
+        uint64_t n = 0;
+        for (const IntRange& r : ranges)
+            if (r.lower <= r.upper)
+                n += static_cast<uint64_t>(static_cast<int64_t>(r.upper) - r.lower + 1);
+        return n;
+    }
+
+    // Writes scalarCount() values, ascending within each range.
+    void writeScalar(int32_t* out) const
+    {
+        size_t sinceCheck = 0;
+        for (const IntRange& r : ranges)
+        {
+            if (r.lower > r.upper)
+                continue;
+            int32_t v = r.lower;
+            for (;;)
+            {
+                *out++ = v;
+                if (v == r.upper)
+                    break;
+                ++v;
+            }
+            sinceCheck += static_cast<uint32_t>(r.upper) - static_cast<uint32_t>(r.lower) + 1;
+            if (sinceCheck >= (size_t{1} << 20))
+            {
+                sinceCheck = 0;
+                Hooks::checkInterrupts();
+            }
+        }
+    }
+
+    // Elements of the mix output: the count element and one or two per range; none when empty.
+    uint64_t mixElementCount() const
+    {
+        if (ranges.size == 0)
+            return 0;
+        uint64_t n = 1;
+        for (const IntRange& r : ranges)
+            n += r.lower == r.upper ? 1 : 2;
+        return n;
+    }
+
+    // Writes mixElementCount() elements: the value count (a wrapping int32 sum), then the items.
+    void writeMix(int32_t* out) const
+    {
+        if (ranges.size == 0)
+            return;
+        int32_t* count = out++;
+        uint32_t values = 0;
+        for (const IntRange& r : ranges)
+        {
+            values += static_cast<uint32_t>(r.upper) - static_cast<uint32_t>(r.lower) + 1u;
+            if (r.lower == r.upper)
+                *out++ = r.lower;
+            else
+            {
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(r.lower) | 0x80000000u);
+                *out++ = r.upper;
+            }
+        }
+        *count = static_cast<int32_t>(values);
+    }
+
+private:
+    size_t batchLimit() const { return std::max(minBatch, ranges.size / 4); }
+
+    void addOrdinary(const IntRange& r)
+    {
+        // At or after the list's last range (sorted input): join or append directly.
+        if (ranges.size != 0)
+        {
+            IntRange& last = ranges.back();
+            if (r.lower >= last.lower)
+            {
+                if (r.lower > last.upper + 1)
+                    ranges.push_back(r);
+                else if (r.upper > last.upper)
+                    last.upper = r.upper;
+                return;
+            }
+        }
+        else
+        {
+            ranges.push_back(r);
+            return;
+        }
+        // Before it: buffer, joining the previous buffered range when they touch (runs in
+        // descending order stay one range).
+        if (pending.size != 0)
+        {
+            IntRange& prev = pending.back();
+            if (r.lower <= prev.upper + 1 && prev.lower <= r.upper + 1)
+            {
+                prev.lower = std::min(prev.lower, r.lower);
+                prev.upper = std::max(prev.upper, r.upper);
+                return;
+            }
+        }
+        else if (pending.capacity == 0)
+            pending.init(256);
+        pending.push_back(r);
+        if (pending.size >= batchLimit())
+            flush();
+    }
+};
+
+}  // namespace zm
