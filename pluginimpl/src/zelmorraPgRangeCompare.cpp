@@ -87,3 +87,154 @@ extern "C" Datum zm_int4rangepacked_contains_int4(PG_FUNCTION_ARGS)
 }
 
 // ---- bitfield tests ----
+// Persisted bitfields (zelmorraPgBitField.h): first and last value of the span, then one bit per
+// value in whole 64-bit words.
+#include "zelmorraPgBitFieldServer.h"
+
+namespace zm {
+namespace pg {
+
+bool getBitFieldInfo(const bytea* bitfield, const uint8_t*& begin, const uint8_t*& end, int32_t& first, int32_t& last)
+{
+    const BitFieldInfo info = readBitField(bitfield, VARSIZE(bitfield));
+    if (info.truncated)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "getBitFieldInfo", "invalid bitfield array");
+    first = info.first;
+    last = info.last;
+    if (info.status == BitFieldStatus::Empty)
+        return false;
+    if (info.status != BitFieldStatus::Ok)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "getBitFieldInfo", "invalid bitfield array");
+    begin = info.begin;
+    end = info.end;
+    return true;
+}
+
+}  // namespace pg
+}  // namespace zm
+
+extern "C" {
+PG_FUNCTION_INFO_V1(zm_int4_in_rangebitfield);
+PG_FUNCTION_INFO_V1(zm_int4rangepacked_in_rangebitfield);
+PG_FUNCTION_INFO_V1(zm_int4set_overlap_bitfield);
+PG_FUNCTION_INFO_V1(zm_int4set_included_in_bitfield);
+}
+
+namespace {
+
+const char* const INVALID_BITFIELD_ARRAY = "invalid bitfield array";
+const char* const INVALID_RANGEARRAY_COUNT = "invalid int4 count to represent a rangearray";
+const char* const UNSUPPORTED_INPUT_TYPE = "unsupported input type";
+
+const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
+{
+    return reinterpret_cast<const bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(argument)));
+}
+
+// Every member of the set (included) or some member of it (overlap) has its bit set. The set's
+// quick bounds are its first and last elements: an unsorted scalar array is judged by them.
+bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
+{
+    using namespace zm::pgRangeArray;
+    const ArrayDataType kind = ArrayDataTypeFromChar(PG_GETARG_CHAR(0));
+    ArrayType* array = zm::pg::detoastArray(PG_GETARG_DATUM(1));
+    const bytea* bitfield = bitfieldArgument(fcinfo, 2);
+    if (ARR_ELEMTYPE(array) != INT4OID)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 223, "int4set_test_bitfield", "accept only int4[]");
+
+    const Int4ArrayView set = zm::pg::viewInt4Array(array);
+    if (set.count <= 0)
+        return false;
+    zm::BitFieldInfo info{};
+    if (!zm::pg::getBitFieldInfo(bitfield, info.begin, info.end, info.first, info.last))
+        return false;
+    const uint32_t n = static_cast<uint32_t>(set.count);
+    const int32_t* e = set.data;
+
+    int32_t min, max;
+    switch (kind)
+    {
+    case ArrayDataTypeScalar:
+    case ArrayDataTypeRange:
+        min = e[0];
+        max = e[n - 1];
+        break;
+    case ArrayDataTypeMix:
+        min = n == 1 ? 0 : static_cast<int32_t>(static_cast<uint32_t>(e[1]) & 0x7fffffffu);
+        max = n == 1 ? 0 : e[n - 1];
+        break;
+    default:
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 258, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
+    }
+    if (min > info.last || max < info.first)
+        return false;
+
+    if (included)
+    {
+        if (min < info.first || max > info.last)
+            return false;
+        switch (kind)
+        {
+        case ArrayDataTypeScalar:
+            return zm::bitFieldAllValues(info, e, n);
+        case ArrayDataTypeRange:
+            if (n % 2 != 0)
+                ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
+            return zm::bitFieldAllRanges(info, e, n / 2);
+        case ArrayDataTypeMix:
+            return zm::bitFieldAllMixItems(info, e + 1, n - 1);
+        default:
+            ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 334, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
+        }
+    }
+    switch (kind)
+    {
+    case ArrayDataTypeScalar:
+        return zm::bitFieldAnyValue(info, e, n);
+    case ArrayDataTypeRange:
+        if (n % 2 != 0)
+            ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
+        return zm::bitFieldAnyRange(info, e, n / 2);
+    case ArrayDataTypeMix:
+        return zm::bitFieldAnyMixItem(info, e + 1, n - 1);
+    default:
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 400, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
+    }
+}
+
+}  // namespace
+
+extern "C" Datum zm_int4_in_rangebitfield(PG_FUNCTION_ARGS)
+{
+    const int32 value = PG_GETARG_INT32(0);
+    zm::BitFieldInfo info{};
+    if (!zm::pg::getBitFieldInfo(bitfieldArgument(fcinfo, 1), info.begin, info.end, info.first, info.last))
+        PG_RETURN_BOOL(false);
+    PG_RETURN_BOOL(zm::bitFieldHasValue(info, value));
+}
+
+// Some value of the packed range has its bit set. A reversed packed range (lower > upper) holds no
+// value and gives false.
+extern "C" Datum zm_int4rangepacked_in_rangebitfield(PG_FUNCTION_ARGS)
+{
+    const Range<int> packed = packedArgument(fcinfo, 0);
+    const bytea* bitfield = bitfieldArgument(fcinfo, 1);
+    const zm::BitFieldInfo info = zm::readBitField(bitfield, VARSIZE(bitfield));
+    if (info.truncated)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 188, "zm_int4rangepacked_in_rangebitfield", "%s", INVALID_BITFIELD_ARRAY);
+    if (info.status == zm::BitFieldStatus::Empty)
+        PG_RETURN_BOOL(false);
+    if (info.status != zm::BitFieldStatus::Ok)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 203, "zm_int4rangepacked_in_rangebitfield", "%s", INVALID_BITFIELD_ARRAY);
+    PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper));
+}
+
+extern "C" Datum zm_int4set_overlap_bitfield(PG_FUNCTION_ARGS)
+{
+    PG_RETURN_BOOL(int4set_test_bitfield(fcinfo, false));
+}
+
+extern "C" Datum zm_int4set_included_in_bitfield(PG_FUNCTION_ARGS)
+{
+    PG_RETURN_BOOL(int4set_test_bitfield(fcinfo, true));
+}
