@@ -1,6 +1,9 @@
 // Transition states of the int4 set aggregates, without PostgreSQL dependency.
 //
-// Int4ToSetOpDataSetBase keeps the set as a sorted list of disjoint closed ranges. Its contract is
+// Int4ToSetOpDataOptimizedBase (zm_int4set_agg_optimized) is a bitfield over 0..M sized once on the
+// first row; see its comment below.
+//
+// Int4ToSetOpDataSetBase (zm_int4set_agg) keeps the set as a sorted list of disjoint closed ranges. Its contract is
 // that every row's range goes through rangeArrayInsert, in row order. Done literally that is
 // quadratic on unsorted input (each insert shifts half the list), so ordinary ranges are buffered
 // and merged in batches instead. This is exact, not an approximation:
@@ -20,7 +23,8 @@
 // glue restores the caller's memory context before it raises the ERROR.
 //
 // Template parameters:
-//   Allocator: see zelmorraPgVector.h.
+//   Allocator: see zelmorraPgVector.h (the bitfield's allocator: see zelmorraPgBitField.h).
+//   BitFieldErrors: the bitfield's error policy (zelmorraPgBitField.h).
 //   Hooks:     static void checkInterrupts(); called between batches and every few thousand
 //              elements of long loops, so that a cancel request is honoured.
 #pragma once
@@ -30,6 +34,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "zelmorraPgBitField.h"
 #include "zelmorraPgRangeArray.h"
 #include "zelmorraPgVector.h"
 
@@ -140,6 +145,18 @@ inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
 }
 
 inline bool isOrdinary(int32_t lower, int32_t upper) { return lower <= upper && upper != INT32_MAX; }
+
+// Eight bytes as one word whose most significant bit is bit 0x80 of the first byte.
+inline uint64_t loadBigEndian64(const uint8_t* from)
+{
+    uint64_t w;
+    std::memcpy(&w, from, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    return w;
+#else
+    return __builtin_bswap64(w);
+#endif
+}
 
 inline void storeInt32(uint8_t* to, int32_t v) { std::memcpy(to, &v, sizeof v); }
 inline int32_t loadInt32(const uint8_t* from)
@@ -497,6 +514,368 @@ private:
         pending.push_back(r);
         if (pending.size >= batchLimit())
             flush();
+    }
+};
+
+
+// ---- zm_int4set_agg_optimized ----------------------------------------------------------------
+
+enum class OptimizedAggStatus : uint8_t
+{
+    Ok,
+    InvalidMaxInput,   // first row: maxinput <= 0 (or argument 2 NULL, checked by the caller)
+    ValueOutOfRange,   // a single value outside the bitfield
+    RangeOutOfRange,   // a lower/upper pair reaching outside the bitfield
+    ScalarOutOfRange,  // some values of a set row outside the bitfield (the others are set)
+    NotRangeArray,     // a range-array row with an odd element count
+    NotImplemented,    // an input type outside 1..5
+    CombineMismatch,   // states built for different input or output types
+    EmptyBytea,        // fromBytea: shorter than its 6-byte header
+    Corrupted,         // fromBytea: more bytes than the stored capacity
+};
+
+// State of zm_int4set_agg_optimized: one bit per value 0..M (bit order of zelmorraPgBitField.h),
+// sized once from M on the first row. A value v is accepted when its byte is in use
+// ((uint32) v >> 3 < size), so up to 7 values above M are accepted and negative ones are not.
+template <typename Allocator, typename BitFieldErrors, typename Hooks>
+struct Int4ToSetOpDataOptimizedBase
+{
+    using Bits = BitFieldBase<Allocator, BitFieldErrors>;
+
+    void* memoryContext;
+    int32_t inputType;
+    int32_t outputType;
+    Bits bits;  // with its fill byte, 0
+
+    void init(void* context)
+    {
+        memoryContext = context;
+        inputType = setAggType::Uninitialised;
+        outputType = setAggType::Uninitialised;
+        bits.init(0);
+    }
+
+    void release() { bits.release(); }
+
+    // Sizing on the first row: whole 64-bit words for 0..M reserved, the bytes holding 0..M in use.
+    // The caller has checked M > 0.
+    void sizeFor(int32_t maxInput)
+    {
+        const uint32_t values = static_cast<uint32_t>(maxInput) + 1u;
+        const uint32_t capacity = (values >> 6) * 8u + ((values & 63u) != 0 ? 8u : 0u);
+        bits.fill = 0;
+        bits.reserve(capacity);
+        const uint32_t lastByte = static_cast<uint32_t>(maxInput) >> 3;
+        if (!(lastByte < bits.size))
+            bits.resize(lastByte + 1);
+    }
+
+    // The largest accepted value, as the error messages show it.
+    int32_t maxAccepted() const { return static_cast<int32_t>(bits.size * 8u - 1u); }
+
+    bool holds(int32_t v) const { return (static_cast<uint32_t>(v) >> 3) < bits.size; }
+
+    // ---- rows ----
+
+    OptimizedAggStatus addValue(int32_t v)
+    {
+        if (!holds(v))
+            return OptimizedAggStatus::ValueOutOfRange;
+        bits.set(static_cast<uint32_t>(v));
+        return OptimizedAggStatus::Ok;
+    }
+
+    // lower > upper adds nothing; otherwise every value must be held.
+    OptimizedAggStatus addRange(int32_t lower, int32_t upper)
+    {
+        if (lower > upper)
+            return OptimizedAggStatus::Ok;
+        if (!holds(lower) || !holds(upper))
+            return OptimizedAggStatus::RangeOutOfRange;
+        bits.setRange(static_cast<uint32_t>(lower), static_cast<uint32_t>(upper));
+        return OptimizedAggStatus::Ok;
+    }
+
+    OptimizedAggStatus addScalarArray(const int32_t* data, size_t count)
+    {
+        bool outside = false;
+        for (size_t i = 0; i < count; ++i)
+        {
+            if ((i & 8191) == 8191)
+                Hooks::checkInterrupts();
+            const int32_t v = data[i];
+            if (holds(v))
+                bits.set(static_cast<uint32_t>(v));
+            else
+                outside = true;
+        }
+        return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
+    }
+
+    OptimizedAggStatus addRangeArray(const int32_t* data, size_t count)
+    {
+        if (count % 2 != 0)
+            return OptimizedAggStatus::NotRangeArray;
+        bool outside = false;
+        for (size_t i = 0; i < count; i += 2)
+        {
+            if ((i & 8191) == 8190)
+                Hooks::checkInterrupts();
+            clippedRange(data[i], data[i + 1], outside);
+        }
+        return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
+    }
+
+    // Items after the count element; a range opener without a next element is ignored.
+    OptimizedAggStatus addMixArray(const int32_t* data, size_t count)
+    {
+        bool outside = false;
+        for (size_t i = 1; i < count; ++i)
+        {
+            if ((i & 8191) == 8191)
+                Hooks::checkInterrupts();
+            const int32_t e = data[i];
+            if (e >= 0)
+            {
+                if (holds(e))
+                    bits.set(static_cast<uint32_t>(e));
+                else
+                    outside = true;
+            }
+            else if (i + 1 < count)
+            {
+                clippedRange(static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu), data[i + 1], outside);
+                ++i;
+            }
+        }
+        return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
+    }
+
+    // ---- combine ----
+
+    // Takes other's types, fill byte, capacity and bytes in use (this state is fresh).
+    void copyFrom(const Int4ToSetOpDataOptimizedBase& other)
+    {
+        inputType = other.inputType;
+        outputType = other.outputType;
+        bits.fill = other.bits.fill;
+        bits.size = 0;
+        bits.reserve(other.bits.capacity);
+        if (other.bits.size)
+            std::memcpy(bits.data, other.bits.data, other.bits.size);
+        bits.size = other.bits.size;
+    }
+
+    // ORs other's bits into this state (initialised), growing it to other's size.
+    OptimizedAggStatus addOtherCtx(const Int4ToSetOpDataOptimizedBase& other)
+    {
+        if (inputType != other.inputType || outputType != other.outputType)
+            return OptimizedAggStatus::CombineMismatch;
+        const uint32_t n = other.bits.size;
+        if (n > bits.size)
+            bits.resize(n);
+        uint8_t* to = bits.data;
+        const uint8_t* from = other.bits.data;
+        uint32_t i = 0;
+        for (; i + 8 <= n; i += 8)
+        {
+            uint64_t a;
+            uint64_t b;
+            std::memcpy(&a, to + i, 8);
+            std::memcpy(&b, from + i, 8);
+            a |= b;
+            std::memcpy(to + i, &a, 8);
+        }
+        for (; i < n; ++i)
+            to[i] |= from[i];
+        return OptimizedAggStatus::Ok;
+    }
+
+    // ---- serialised form: input type byte, output type byte, int32 capacity, bytes in use ----
+
+    static constexpr size_t headerBytes = 6;
+
+    size_t serialisedSize() const
+    {
+        return headerBytes + (inputType == setAggType::Uninitialised ? 0 : bits.size);
+    }
+
+    void toBytes(uint8_t* out) const
+    {
+        const bool initialised = inputType != setAggType::Uninitialised;
+        out[0] = static_cast<uint8_t>(inputType);
+        out[1] = static_cast<uint8_t>(outputType);
+        setAggDetail::storeInt32(out + 2, initialised ? static_cast<int32_t>(bits.capacity) : 0);
+        if (initialised && bits.size)
+            std::memcpy(out + headerBytes, bits.data, bits.size);
+    }
+
+    // Rebuilds a fresh state from `length` serialised bytes. A capacity that is not a multiple of 8
+    // is refused by the bitfield's reserve.
+    OptimizedAggStatus fromBytes(const uint8_t* in, size_t length)
+    {
+        if (length < headerBytes)
+            return OptimizedAggStatus::EmptyBytea;
+        const size_t d = length - headerBytes;
+        inputType = in[0];
+        outputType = in[1];
+        const int32_t capacity = setAggDetail::loadInt32(in + 2);
+        if (capacity < 0 || d > static_cast<size_t>(capacity))
+            return OptimizedAggStatus::Corrupted;
+        if (d == 0 && capacity == 0)
+            return OptimizedAggStatus::Ok;
+        bits.reserve(static_cast<uint32_t>(capacity));
+        if (d)
+            std::memcpy(bits.data, in + headerBytes, d);
+        bits.size = static_cast<uint32_t>(d);
+        return OptimizedAggStatus::Ok;
+    }
+
+    // ---- final forms: values ascending from 0 ----
+
+    uint64_t bitCount() const
+    {
+        uint64_t n = 0;
+        forEachWord([&n](uint64_t, uint64_t w) {
+            n += static_cast<uint64_t>(__builtin_popcountll(w));
+            return true;
+        });
+        return n;
+    }
+
+    uint64_t runCount() const
+    {
+        uint64_t n = 0;
+        uint64_t previousLowBit = 0;  // the value just before this word is set
+        forEachWord([&](uint64_t, uint64_t w) {
+            const uint64_t starts = w & ~((w >> 1) | (previousLowBit << 63));
+            n += static_cast<uint64_t>(__builtin_popcountll(starts));
+            previousLowBit = w & 1u;
+            return true;
+        });
+        return n;
+    }
+
+    void writeScalar(int32_t* out) const
+    {
+        forEachWord([&out](uint64_t base, uint64_t w) {
+            while (w != 0)
+            {
+                const int top = __builtin_clzll(w);
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(base + static_cast<uint64_t>(top)));
+                w &= ~(uint64_t{1} << (63 - top));
+            }
+            return true;
+        });
+    }
+
+    // Maximal runs of set bits, ascending: f(first, last) with offsets.
+    template <typename F>
+    void forEachRun(F&& f) const
+    {
+        bool inRun = false;
+        uint64_t runStart = 0;
+        forEachWord([&](uint64_t base, uint64_t w) {
+            if (inRun ? w == ~uint64_t{0} : w == 0)
+                return true;
+            int pos = 0;  // bit position from the top of the word
+            while (pos < 64)
+            {
+                if (!inRun)
+                {
+                    const uint64_t rest = w << pos;
+                    if (rest == 0)
+                        break;
+                    pos += __builtin_clzll(rest);
+                    runStart = base + static_cast<uint64_t>(pos);
+                    inRun = true;
+                }
+                else
+                {
+                    const uint64_t rest = ~w << pos;
+                    if (rest == 0)
+                        break;
+                    pos += __builtin_clzll(rest);
+                    f(runStart, base + static_cast<uint64_t>(pos) - 1);
+                    inRun = false;
+                }
+            }
+            return true;
+        });
+        if (inRun)
+            f(runStart, static_cast<uint64_t>(bits.size) * 8u - 1u);
+    }
+
+    void writeRanges(int32_t* out) const
+    {
+        forEachRun([&out](uint64_t a, uint64_t b) {
+            *out++ = static_cast<int32_t>(static_cast<uint32_t>(a));
+            *out++ = static_cast<int32_t>(static_cast<uint32_t>(b));
+        });
+    }
+
+    // Mix array: the count of set bits, then a run of one value as itself, a longer run as
+    // (first | bit 31), last. Writes nothing when no bit is set.
+    uint64_t mixElementCount() const
+    {
+        uint64_t n = 0;
+        forEachRun([&n](uint64_t a, uint64_t b) { n += a == b ? 1 : 2; });
+        return n == 0 ? 0 : n + 1;
+    }
+
+    void writeMix(int32_t* out) const
+    {
+        int32_t* count = out++;
+        uint64_t values = 0;
+        forEachRun([&](uint64_t a, uint64_t b) {
+            values += b - a + 1;
+            if (a == b)
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(a));
+            else
+            {
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(a) | 0x80000000u);
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(b));
+            }
+        });
+        if (values != 0)
+            *count = static_cast<int32_t>(static_cast<uint32_t>(values));
+    }
+
+private:
+    // Sets the held part of [lower, upper]; notes whether some of it lies outside.
+    void clippedRange(int32_t lower, int32_t upper, bool& outside)
+    {
+        if (lower > upper)
+            return;
+        const int32_t top = maxAccepted();
+        if (lower < 0 || upper > top)
+            outside = true;
+        const int32_t a = lower < 0 ? 0 : lower;
+        const int32_t b = upper > top ? top : upper;
+        if (a <= b)
+            bits.setRange(static_cast<uint32_t>(a), static_cast<uint32_t>(b));
+    }
+
+    // Calls f(first offset, word) for the bytes in use as 64-bit words, the first value in the most
+    // significant bit; the bytes past `size` in the last word read as 0.
+    template <typename F>
+    void forEachWord(F&& f) const
+    {
+        const uint8_t* data = bits.data;
+        const size_t size = bits.size;
+        size_t i = 0;
+        for (; i + 8 <= size; i += 8)
+        {
+            if ((i & 0xFFFFF) == 0 && i != 0)
+                Hooks::checkInterrupts();
+            f(static_cast<uint64_t>(i) * 8u, setAggDetail::loadBigEndian64(data + i));
+        }
+        if (i < size)
+        {
+            uint8_t tail[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+            std::memcpy(tail, data + i, size - i);
+            f(static_cast<uint64_t>(i) * 8u, setAggDetail::loadBigEndian64(tail));
+        }
     }
 };
 

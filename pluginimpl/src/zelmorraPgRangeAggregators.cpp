@@ -378,3 +378,257 @@ extern "C" Datum zm_int4set_agg_deserialfn(PG_FUNCTION_ARGS)
 
 
 // ---- optimised set aggregate ----
+
+// zm_int4set_agg_optimized: the same job for values known to lie in 0..maxinput, on a bitfield
+// sized once on the first row (state logic in zelmorraPgSetAggregate.h).
+
+#include "zelmorraPgBitFieldServer.h"
+
+extern "C" {
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_transfn_A);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_transfn_B);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_finalfn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_combinefn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_serialfn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_deserialfn);
+}
+
+namespace zm {
+namespace pg {
+
+using Int4ToSetOpDataOptimized = Int4ToSetOpDataOptimizedBase<BitFieldPallocAllocator, BitFieldErrorReport, ServerHooks>;
+static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataOptimized>, "states live across longjmp");
+static_assert(sizeof(Int4ToSetOpDataOptimized) == 40, "context, two types, capacity, size, data, fill");
+
+}  // namespace pg
+}  // namespace zm
+
+namespace {
+
+using zm::OptimizedAggStatus;
+using zm::pg::Int4ToSetOpDataOptimized;
+
+// Reports a failed state operation; called after the caller's memory context is restored.
+// `value` is the offending single value, `top` the largest accepted value.
+[[noreturn]] void raiseOptimizedStatus(OptimizedAggStatus status, int32_t value, int32_t top)
+{
+    switch (status)
+    {
+        case OptimizedAggStatus::InvalidMaxInput:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized invalid 'maxinput' value ");
+        case OptimizedAggStatus::ValueOutOfRange:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized value %i is out of range [0;%i]",
+                     value, top);
+        case OptimizedAggStatus::RangeOutOfRange:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized value is out of range [0;%i]", top);
+        case OptimizedAggStatus::ScalarOutOfRange:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange",
+                     "int4set_agg_optimized input scalar is out of range [0;%i]", top);
+        case OptimizedAggStatus::NotRangeArray:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized input is not a range array");
+        case OptimizedAggStatus::NotImplemented:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_optimized_transfn not implemented");
+        case OptimizedAggStatus::CombineMismatch:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addOtherCtx", "fail to combine Int4ToSetOpDataSet");
+        case OptimizedAggStatus::EmptyBytea:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_optimized_deserialfn empty bytea");
+        case OptimizedAggStatus::Corrupted:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_optimized_deserialfn corrupted");
+        case OptimizedAggStatus::Ok:
+            break;
+    }
+    ZM_ERROR(ERRCODE_INTERNAL_ERROR, __LINE__, "raiseOptimizedStatus", "unexpected set aggregate status");
+}
+
+Int4ToSetOpDataOptimized* optimizedStateArgument(FunctionCallInfo fcinfo, int n)
+{
+    return PG_ARGISNULL(n) ? nullptr : reinterpret_cast<Int4ToSetOpDataOptimized*>(PG_GETARG_POINTER(n));
+}
+
+Int4ToSetOpDataOptimized* newOptimizedState(MemoryContext aggregate, const char* contextName)
+{
+    MemoryContext own = zm::pg::createStateContext(aggregate, contextName);
+    Int4ToSetOpDataOptimized* state =
+        static_cast<Int4ToSetOpDataOptimized*>(MemoryContextAllocZero(own, sizeof(Int4ToSetOpDataOptimized)));
+    state->init(own);
+    return state;
+}
+
+// One row into the state (Int4ToSetOpDataOptimized::addRange of the aggregate's definition).
+// Arguments: (value | lower, upper | input letter, set), maxinput, output letter.
+void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, bool letterGivesInput)
+{
+    const int nargs = PG_NARGS();
+    const int maxInputAt = nargs == 4 ? 2 : 3;
+    if (state->inputType == zm::setAggType::Uninitialised)
+    {
+        // The NULL test looks at argument 2 whatever the form, so a NULL upper bound or set on the
+        // first row reads as a missing maxinput too.
+        const int32_t maxInput = argumentGiven(fcinfo, maxInputAt) ? PG_GETARG_INT32(maxInputAt) : 0;
+        if (maxInput <= 0 || PG_ARGISNULL(2))
+            raiseOptimizedStatus(OptimizedAggStatus::InvalidMaxInput, 0, 0);
+        const int32_t input = letterGivesInput ? zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, 1))
+                                               : (nargs == 4 ? zm::setAggType::SingleValue : zm::setAggType::LowerUpperPair);
+        const int32_t output = zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, maxInputAt + 1));
+        MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+        state->sizeFor(maxInput);
+        MemoryContextSwitchTo(caller);
+        state->inputType = input;
+        state->outputType = output;
+    }
+
+    // Rows never allocate in the state: no context switch. Arrays are detoasted in the per-row
+    // context.
+    OptimizedAggStatus status = OptimizedAggStatus::Ok;
+    int32_t value = 0;
+    const int32_t input = state->inputType;
+    if (input == zm::setAggType::SingleValue)
+    {
+        if (argumentGiven(fcinfo, 1))
+        {
+            value = PG_GETARG_INT32(1);
+            status = state->addValue(value);
+        }
+    }
+    else if (input == zm::setAggType::LowerUpperPair)
+    {
+        if (argumentGiven(fcinfo, 1) && argumentGiven(fcinfo, 2))
+            status = state->addRange(PG_GETARG_INT32(1), PG_GETARG_INT32(2));
+    }
+    else if (input == zm::setAggType::Scalar || input == zm::setAggType::Range || input == zm::setAggType::Mix)
+    {
+        if (argumentGiven(fcinfo, 2))
+        {
+            const zm::pg::Int4ArrayView set = zm::pg::viewInt4Array(zm::pg::detoastArray(PG_GETARG_DATUM(2)));
+            const size_t count = static_cast<size_t>(set.count);
+            if (input == zm::setAggType::Scalar)
+                status = state->addScalarArray(set.data, count);
+            else if (input == zm::setAggType::Range)
+                status = state->addRangeArray(set.data, count);
+            else
+                status = state->addMixArray(set.data, count);
+        }
+    }
+    else
+        status = OptimizedAggStatus::NotImplemented;
+    if (status != OptimizedAggStatus::Ok)
+        raiseOptimizedStatus(status, value, state->maxAccepted());
+}
+
+Datum zm_int4set_agg_optimized_transfn_impl(FunctionCallInfo fcinfo, bool letterGivesInput)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_optimized_transfn_impl");
+    Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        state = newOptimizedState(aggregate, "zm_int4set_agg_optimized_transfn_impl");
+    addOptimizedRow(state, fcinfo, letterGivesInput);
+    PG_RETURN_POINTER(state);
+}
+
+}  // namespace
+
+extern "C" Datum zm_int4set_agg_optimized_transfn_A(PG_FUNCTION_ARGS)
+{
+    return zm_int4set_agg_optimized_transfn_impl(fcinfo, false);
+}
+
+extern "C" Datum zm_int4set_agg_optimized_transfn_B(PG_FUNCTION_ARGS)
+{
+    return zm_int4set_agg_optimized_transfn_impl(fcinfo, true);
+}
+
+// Builds the result in the caller's context, then consumes the state (its context is deleted).
+extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
+{
+    const char* const function = "zm_int4set_agg_optimized_finalfn";
+    Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
+
+    ArrayType* result = nullptr;
+    uint64_t count = 0;
+    switch (state->outputType)
+    {
+        case zm::setAggType::Scalar:
+            count = state->bitCount();
+            break;
+        case zm::setAggType::Range:
+            count = 2 * state->runCount();
+            break;
+        case zm::setAggType::Mix:
+            count = state->mixElementCount();
+            break;
+        default:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn not implemented");
+    }
+    if (count > static_cast<uint64_t>(INT32_MAX))
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
+    result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+    int32_t* out = zm::pg::int4Data(result);
+    if (state->outputType == zm::setAggType::Scalar)
+        state->writeScalar(out);
+    else if (state->outputType == zm::setAggType::Range)
+        state->writeRanges(out);
+    else
+        state->writeMix(out);
+
+    MemoryContext own = static_cast<MemoryContext>(state->memoryContext);
+    if (state->inputType != zm::setAggType::Uninitialised)
+        state->release();
+    MemoryContextDelete(own);
+    if (result == nullptr)
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn internal error");
+    PG_RETURN_ARRAYTYPE_P(result);
+}
+
+// A fresh state: a copy of the first argument with the second one's bits ORed in; neither argument
+// is changed.
+extern "C" Datum zm_int4set_agg_optimized_combinefn(PG_FUNCTION_ARGS)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_optimized_combinefn");
+    Int4ToSetOpDataOptimized* state = newOptimizedState(aggregate, "zm_int4set_agg_optimized_combinefn");
+    Int4ToSetOpDataOptimized* first = optimizedStateArgument(fcinfo, 0);
+    Int4ToSetOpDataOptimized* second = optimizedStateArgument(fcinfo, 1);
+    OptimizedAggStatus status = OptimizedAggStatus::Ok;
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    if (first != nullptr)
+        state->copyFrom(*first);
+    if (second != nullptr)
+    {
+        if (state->inputType == zm::setAggType::Uninitialised)
+            state->copyFrom(*second);
+        else
+            status = state->addOtherCtx(*second);
+    }
+    MemoryContextSwitchTo(caller);
+    if (status != OptimizedAggStatus::Ok)
+        raiseOptimizedStatus(status, 0, 0);
+    PG_RETURN_POINTER(state);
+}
+
+// bytea: input type byte, output type byte, int32 capacity, then the bytes in use.
+extern "C" Datum zm_int4set_agg_optimized_serialfn(PG_FUNCTION_ARGS)
+{
+    Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        PG_RETURN_NULL();
+    bytea* result = zm::pg::allocateBytea(state->serialisedSize());
+    state->toBytes(reinterpret_cast<uint8_t*>(VARDATA(result)));
+    PG_RETURN_BYTEA_P(result);
+}
+
+extern "C" Datum zm_int4set_agg_optimized_deserialfn(PG_FUNCTION_ARGS)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_optimized_deserialfn");
+    Int4ToSetOpDataOptimized* state = newOptimizedState(aggregate, "zm_int4set_agg_optimized_deserialfn");
+    if (PG_ARGISNULL(0))
+        PG_RETURN_POINTER(state);
+    bytea* bytes = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(0)));
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    const OptimizedAggStatus status =
+        state->fromBytes(reinterpret_cast<const uint8_t*>(VARDATA(bytes)), VARSIZE(bytes) - VARHDRSZ);
+    MemoryContextSwitchTo(caller);
+    if (status != OptimizedAggStatus::Ok)
+        raiseOptimizedStatus(status, 0, 0);
+    PG_RETURN_POINTER(state);
+}
