@@ -12,17 +12,25 @@
 #                                                 10^6 only; about two minutes)
 #        SIZES="1000000" REPEAT=5 bench/set_aggregates.sh
 #        FULL=1 bench/set_aggregates.sh          (range_agg and array_agg on every size too)
+#        USE_RUNNING_SERVER=1 PGHOST=... PGPORT=... bench/set_aggregates.sh
+#                                                (a running server with the extension installed)
 source "$(dirname "$0")/../scripts/lib.sh"
 
 SIZES=${SIZES:-"1000000 10000000"}
 REPEAT=${REPEAT:-3}
 FULL=${FULL:-0}
 
-ensure_dependencies
 cd "$PROJECT_ROOT"
-build_extension
-install_extension
-start_throwaway_server
+if [ "${USE_RUNNING_SERVER:-0}" = 1 ]; then
+    # PGHOST, PGPORT, PGUSER and PGDATABASE name a server that has the extension installed.
+    log "using the running server at ${PGHOST:-default}:${PGPORT:-default}"
+    psql -X -q -c "DROP EXTENSION IF EXISTS kestrava_range_operators CASCADE" >/dev/null
+else
+    ensure_dependencies
+    build_extension
+    install_extension
+    start_throwaway_server
+fi
 
 SERIAL="SET max_parallel_workers_per_gather = 0;"
 PARALLEL="SET max_parallel_workers_per_gather = 2; SET parallel_setup_cost = 0; SET parallel_tuple_cost = 0;
@@ -58,6 +66,7 @@ psql_q -c "CREATE EXTENSION kestrava_range_operators"
 for n in $SIZES; do
     log "tables of $n rows"
     psql_q <<SQL
+DROP TABLE IF EXISTS rnd_$n, srt_$n;
 SELECT setseed(0.5);
 CREATE TABLE rnd_$n AS SELECT (random() * ($n * 10 - 1))::int4 AS x FROM generate_series(1, $n);
 CREATE TABLE srt_$n AS SELECT (g + (g / 100) * 10)::int4 AS x FROM generate_series(0, $n - 1) g;
@@ -125,7 +134,7 @@ CREATE AGGREGATE set_state(int4, "char") (SFUNC = zm_int4set_agg_transfn_A, STYP
   FINALFUNC = zm_int4set_agg_serialfn);
 CREATE AGGREGATE opt_state(int4, int4, "char") (SFUNC = zm_int4set_agg_optimized_transfn_A, STYPE = internal,
   FINALFUNC = zm_int4set_agg_optimized_serialfn);
-CREATE FUNCTION state_bytes(text) RETURNS bigint LANGUAGE sql AS
+CREATE OR REPLACE FUNCTION state_bytes(text) RETURNS bigint LANGUAGE sql AS
   \$\$ SELECT sum(total_bytes)::bigint FROM pg_backend_memory_contexts WHERE name = \$1 \$\$;
 \pset footer off
 -- One statement per state: the contexts of a statement's aggregates all live until it ends.

@@ -187,8 +187,8 @@ struct Int4ToSetOpDataSetBase
 
     // Ordinary ranges not merged into `ranges` yet (unsorted), allocated on first need.
     Ranges pending;
-    // Smallest batch merged at once; batches also grow with the list (a quarter of it), which
-    // keeps the merging cost per row constant.
+    // Smallest batch merged at once; batches also grow with the list (half of it), which keeps
+    // the merging cost per row constant.
     size_t minBatch;
     // The list left its canonical form (or its provenance is unknown): literal rangeArrayInsert.
     bool insertEachRow;
@@ -303,13 +303,24 @@ struct Int4ToSetOpDataSetBase
         size_t i = s;
         size_t j = b;
         size_t k = s + b;
-        while (j > 0)
+        // k == i + j throughout, so the write never reaches a list range not yet moved. The choice
+        // is made without a branch: on unsorted input it is a coin toss.
+        while (i > 0 && j > 0)
         {
-            if (i > 0 && out[i - 1].lower > batch[j - 1].lower)
-                out[--k] = out[--i];
-            else
-                out[--k] = batch[--j];
+            uint64_t fromList;
+            uint64_t fromBatch;
+            std::memcpy(&fromList, &out[i - 1], sizeof fromList);
+            std::memcpy(&fromBatch, &batch[j - 1], sizeof fromBatch);
+            const bool takeList = out[i - 1].lower > batch[j - 1].lower;
+            const uint64_t taken = takeList ? fromList : fromBatch;
+            std::memcpy(&out[--k], &taken, sizeof taken);
+            i -= takeList;
+            j -= !takeList;
+            if ((k & 0xFFFFF) == 0)
+                Hooks::checkInterrupts();
         }
+        while (j > 0)
+            out[--k] = batch[--j];
         // out[0, i) is untouched and canonical; join touching ranges from the first moved one on.
         const size_t from = i > 0 ? i - 1 : 0;
         ranges.size = from + coalesceSorted(out + from, s + b - from, out + from);
@@ -475,7 +486,7 @@ struct Int4ToSetOpDataSetBase
     }
 
 private:
-    size_t batchLimit() const { return std::max(minBatch, ranges.size / 4); }
+    size_t batchLimit() const { return std::max(minBatch, ranges.size / 2); }
 
     void addOrdinary(const IntRange& r)
     {
@@ -547,15 +558,53 @@ struct Int4ToSetOpDataOptimizedBase
     int32_t outputType;
     Bits bits;  // with its fill byte, 0
 
+    // The fields above are the state as the aggregate defines it. Single values and pairs of rows
+    // are checked at once but, on a bitfield too large for the caches, their bits are set in
+    // batches: a row's bit write is then a cache miss, and misses overlap only within a tight loop.
+    // Set before every combine, serial and final step (flush).
+    static constexpr uint32_t batchSize = 1024;
+    static constexpr uint32_t batchFromBytes = 256 * 1024;
+    pgRangeArray::Range<int>* pending;  // null: bits are set row by row
+    uint32_t pendingCount;
+
     void init(void* context)
     {
         memoryContext = context;
         inputType = setAggType::Uninitialised;
         outputType = setAggType::Uninitialised;
         bits.init(0);
+        pending = nullptr;
+        pendingCount = 0;
     }
 
-    void release() { bits.release(); }
+    void release()
+    {
+        bits.release();
+        if (pending)
+            Allocator::deallocate(pending);
+        pending = nullptr;
+        pendingCount = 0;
+    }
+
+    void flush()
+    {
+        const pgRangeArray::Range<int>* p = pending;
+        const uint32_t n = pendingCount;
+        uint8_t* data = bits.data;
+        constexpr uint32_t ahead = 16;
+        for (uint32_t i = 0; i < n; ++i)
+        {
+            if (i + ahead < n)
+                __builtin_prefetch(data + (static_cast<uint32_t>(p[i + ahead].lower) >> 3), 1);
+            const uint32_t lo = static_cast<uint32_t>(p[i].lower);
+            const uint32_t hi = static_cast<uint32_t>(p[i].upper);
+            if (lo == hi)
+                setBit(data, lo);
+            else
+                writeRange(data, lo, hi);
+        }
+        pendingCount = 0;
+    }
 
     // Sizing on the first row: whole 64-bit words for 0..M reserved, the bytes holding 0..M in use.
     // The caller has checked M > 0.
@@ -568,6 +617,16 @@ struct Int4ToSetOpDataOptimizedBase
         const uint32_t lastByte = static_cast<uint32_t>(maxInput) >> 3;
         if (!(lastByte < bits.size))
             bits.resize(lastByte + 1);
+        if (bits.size >= batchFromBytes)
+        {
+            pending = static_cast<pgRangeArray::Range<int>*>(
+                Allocator::allocate(batchSize * sizeof(pgRangeArray::Range<int>)));
+            if (pending == nullptr)
+            {
+                Allocator::diagnostic("Out of memory");
+                BitFieldErrors::report(BitFieldError::OutOfMemory, __FILE__, __LINE__, "addRange", nullptr);
+            }
+        }
     }
 
     // The largest accepted value, as the error messages show it.
@@ -581,7 +640,10 @@ struct Int4ToSetOpDataOptimizedBase
     {
         if (!holds(v))
             return OptimizedAggStatus::ValueOutOfRange;
-        bits.set(static_cast<uint32_t>(v));
+        if (pending)
+            buffer(v, v);
+        else
+            bits.set(static_cast<uint32_t>(v));
         return OptimizedAggStatus::Ok;
     }
 
@@ -592,7 +654,10 @@ struct Int4ToSetOpDataOptimizedBase
             return OptimizedAggStatus::Ok;
         if (!holds(lower) || !holds(upper))
             return OptimizedAggStatus::RangeOutOfRange;
-        bits.setRange(static_cast<uint32_t>(lower), static_cast<uint32_t>(upper));
+        if (pending)
+            buffer(lower, upper);
+        else
+            bits.setRange(static_cast<uint32_t>(lower), static_cast<uint32_t>(upper));
         return OptimizedAggStatus::Ok;
     }
 
@@ -842,6 +907,13 @@ struct Int4ToSetOpDataOptimizedBase
     }
 
 private:
+    void buffer(int32_t lower, int32_t upper)
+    {
+        pending[pendingCount++] = pgRangeArray::Range<int>{lower, upper};
+        if (pendingCount == batchSize)
+            flush();
+    }
+
     // Sets the held part of [lower, upper]; notes whether some of it lies outside.
     void clippedRange(int32_t lower, int32_t upper, bool& outside)
     {

@@ -398,7 +398,7 @@ namespace pg {
 
 using Int4ToSetOpDataOptimized = Int4ToSetOpDataOptimizedBase<BitFieldPallocAllocator, BitFieldErrorReport, ServerHooks>;
 static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataOptimized>, "states live across longjmp");
-static_assert(sizeof(Int4ToSetOpDataOptimized) == 40, "context, two types, capacity, size, data, fill");
+static_assert(offsetof(Int4ToSetOpDataOptimized, pending) == 40, "context, two types, capacity, size, data, fill");
 
 }  // namespace pg
 }  // namespace zm
@@ -544,6 +544,7 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
     Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
     if (state == nullptr)
         PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
+    state->flush();
 
     ArrayType* result = nullptr;
     uint64_t count = 0;
@@ -590,6 +591,10 @@ extern "C" Datum zm_int4set_agg_optimized_combinefn(PG_FUNCTION_ARGS)
     Int4ToSetOpDataOptimized* first = optimizedStateArgument(fcinfo, 0);
     Int4ToSetOpDataOptimized* second = optimizedStateArgument(fcinfo, 1);
     OptimizedAggStatus status = OptimizedAggStatus::Ok;
+    if (first != nullptr)
+        first->flush();
+    if (second != nullptr)
+        second->flush();
     MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
     if (first != nullptr)
         state->copyFrom(*first);
@@ -612,6 +617,7 @@ extern "C" Datum zm_int4set_agg_optimized_serialfn(PG_FUNCTION_ARGS)
     Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
     if (state == nullptr)
         PG_RETURN_NULL();
+    state->flush();
     bytea* result = zm::pg::allocateBytea(state->serialisedSize());
     state->toBytes(reinterpret_cast<uint8_t*>(VARDATA(result)));
     PG_RETURN_BYTEA_P(result);
