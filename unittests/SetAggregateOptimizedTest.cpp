@@ -381,3 +381,67 @@ TEST(SetAggregateOptimized, FromBytesErrors)
 }
 
 }  // namespace
+
+namespace {
+
+// Hostile serial forms: whatever the bytes, both readers either refuse them with a status (or the
+// bitfield's capacity error) or give a state whose outputs can be computed within its buffers.
+TEST(SetAggregateStates, HostileSerialForms)
+{
+    std::mt19937 rng(99);
+    int accepted = 0;
+    for (int round = 0; round < 20000; ++round)
+    {
+        std::vector<uint8_t> bytes(rng() % 48);
+        for (auto& b : bytes)
+            b = static_cast<uint8_t>(rng());
+        if (bytes.size() >= 6 && rng() % 2)
+        {
+            // A plausible capacity: small, sometimes a multiple of 8 at least the data length.
+            const int32_t capacity = static_cast<int32_t>(rng() % 4 == 0 ? rng() % 64 : ((bytes.size() - 6 + 7) / 8) * 8);
+            std::memcpy(bytes.data() + 2, &capacity, 4);
+        }
+        {
+            OwnedSet set;
+            set.s.release();
+            set.s.init(nullptr, false);
+            if (set.s.fromBytes(bytes.data(), bytes.size()) == zm::SetAggStatus::Ok)
+            {
+                ++accepted;
+                set.s.flush();
+                if (set.s.scalarCount() < 100000)
+                {
+                    std::vector<int32_t> out(set.s.scalarCount());
+                    set.s.writeScalar(out.data());
+                }
+                std::vector<int32_t> mix(set.s.mixElementCount());
+                set.s.writeMix(mix.data());
+            }
+        }
+        {
+            OwnedOpt opt;
+            try
+            {
+                if (opt.s.fromBytes(bytes.data(), bytes.size()) == OptimizedAggStatus::Ok)
+                {
+                    ++accepted;
+                    std::vector<int32_t> out(opt.s.bitCount());
+                    opt.s.writeScalar(out.data());
+                    std::vector<int32_t> ranges(2 * opt.s.runCount());
+                    opt.s.writeRanges(ranges.data());
+                    std::vector<int32_t> mix(opt.s.mixElementCount());
+                    opt.s.writeMix(mix.data());
+                    std::vector<uint8_t> again(opt.s.serialisedSize());
+                    opt.s.toBytes(again.data());
+                }
+            }
+            catch (const OptimizedBitFieldFailure& e)
+            {
+                EXPECT_STREQ(e.what(), "bitfield invalid capacity");
+            }
+        }
+    }
+    EXPECT_GT(accepted, 1000);
+}
+
+}  // namespace

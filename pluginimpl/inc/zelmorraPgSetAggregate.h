@@ -214,6 +214,13 @@ struct Int4ToSetOpDataSetBase
         pending.release();
     }
 
+    // Before the state is serialised or finalised: merges the buffer and gives its block back.
+    void compact()
+    {
+        flush();
+        pending.release();
+    }
+
     // ---- rows ----
 
     void addValue(int32_t v) { addRange(v, v); }
@@ -291,8 +298,10 @@ struct Int4ToSetOpDataSetBase
             return;
         Hooks::checkInterrupts();
         const size_t s = ranges.size;
-        // The list's spare room doubles as the sort's scratch space and then takes the merge.
-        ranges.reserveFor(s + p);
+        // The list's spare room doubles as the sort's scratch space and then takes the merge. It
+        // grows by a quarter beyond the need rather than doubling: the list is the bulk of the state.
+        if (ranges.capacity < s + p)
+            regrow(ranges, s + p + (s + p) / 2);
         IntRange* sorted = sortByLower(pending.data, ranges.data + s, p);
         const size_t b = coalesceSorted(sorted, p, pending.data);
         pending.size = 0;
@@ -520,11 +529,31 @@ private:
                 return;
             }
         }
-        else if (pending.capacity == 0)
-            pending.init(256);
-        pending.push_back(r);
-        if (pending.size >= batchLimit())
+        const size_t limit = batchLimit();
+        if (pending.size == pending.capacity)
+        {
+            if (pending.capacity == 0)
+                pending.init(256);
+            else if (pending.capacity < limit)
+                regrow(pending, std::min(2 * pending.capacity, limit));
+            else
+                flush();  // not reached: a full batch is merged as soon as it is complete
+        }
+        pending.data[pending.size++] = r;
+        if (pending.size >= limit)
             flush();
+    }
+
+    // Replaces v's block by one of exactly `capacity` elements (at least its size).
+    static void regrow(Ranges& v, size_t capacity)
+    {
+        IntRange* grown = static_cast<IntRange*>(Allocator::allocate(capacity * sizeof(IntRange)));
+        if (v.size)
+            std::memcpy(grown, v.data, v.size * sizeof(IntRange));
+        if (v.data)
+            Allocator::deallocate(v.data);
+        v.data = grown;
+        v.capacity = capacity;
     }
 };
 

@@ -209,11 +209,14 @@ Int4ToSetOpDataSet* newSetState(MemoryContext aggregate, const char* contextName
     return state;
 }
 
-// Merges buffered rows; allocation happens in the state's context.
-void flushSetState(Int4ToSetOpDataSet* state)
+// Merges buffered rows (compact: and frees the buffer); allocation happens in the state's context.
+void flushSetState(Int4ToSetOpDataSet* state, bool compact = false)
 {
     MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
-    state->flush();
+    if (compact)
+        state->compact();
+    else
+        state->flush();
     MemoryContextSwitchTo(caller);
 }
 
@@ -287,7 +290,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
     Int4ToSetOpDataSet* state = setStateArgument(fcinfo, 0);
     if (state == nullptr)
         PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
-    flushSetState(state);
+    flushSetState(state, true);
 
     ArrayType* result = nullptr;
     switch (state->outputType)
@@ -354,7 +357,7 @@ extern "C" Datum zm_int4set_agg_serialfn(PG_FUNCTION_ARGS)
     Int4ToSetOpDataSet* state = setStateArgument(fcinfo, 0);
     if (state == nullptr)
         PG_RETURN_NULL();
-    flushSetState(state);
+    flushSetState(state, true);
     bytea* result = zm::pg::allocateBytea(state->serialisedSize());
     state->toBytes(reinterpret_cast<uint8_t*>(VARDATA(result)));
     PG_RETURN_BYTEA_P(result);
