@@ -366,6 +366,45 @@ TEST(SetAggregate, AddOtherCtxIsTheUnionOnRandomStates)
     EXPECT_EQ(mismatches, 0);
 }
 
+TEST(SetAggregate, UnionWithRoomIsComputeUnion)
+{
+    // Arbitrary lists: unsorted, reversed, bounds more than 2^31 apart, touching runs.
+    std::mt19937 rng(3);
+    int mismatches = 0;
+    for (int round = 0; round < 3000; ++round)
+    {
+        auto draw = [&](std::vector<Range>& v) {
+            const int n = static_cast<int>(rng() % 12);
+            int32_t at = static_cast<int32_t>(rng() % 64) - 32;
+            for (int i = 0; i < n; ++i)
+            {
+                const int shape = static_cast<int>(rng() % 6);
+                if (shape == 0)
+                    at = static_cast<int32_t>(rng());  // anywhere
+                else
+                    at = zm::pgRangeArray::wrappedAdd(at, static_cast<int32_t>(rng() % 5));
+                const int32_t upper = shape == 1 ? zm::pgRangeArray::wrappedAdd(at, -static_cast<int32_t>(rng() % 3))
+                                                 : zm::pgRangeArray::wrappedAdd(at, static_cast<int32_t>(rng() % 4));
+                v.push_back(Range{at, upper});
+                at = upper;
+            }
+            if (rng() % 8 == 0)
+                v.push_back(Range{INT32_MAX, INT32_MAX});
+            if (rng() % 8 == 0)
+                v.insert(v.begin(), Range{INT32_MIN, INT32_MIN + 1});
+        };
+        std::vector<Range> a, b;
+        draw(a);
+        draw(b);
+        OwnedRanges expected(1), got(std::max<size_t>(a.size() + b.size(), 1));
+        zm::pgRangeArray::computeUnion(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(), expected.v);
+        zm::setAggDetail::unionWithRoom(a.data(), a.data() + a.size(), b.data(), b.data() + b.size(), got.v);
+        if (pairsOf(expected.v.begin(), expected.v.end()) != pairsOf(got.v.begin(), got.v.end()))
+            ++mismatches;
+    }
+    EXPECT_EQ(mismatches, 0);
+}
+
 TEST(SetAggregate, AddOtherCtxPairEqualsTwoAddOtherCtx)
 {
     int mismatches = 0;

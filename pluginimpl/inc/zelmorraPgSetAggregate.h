@@ -144,6 +144,43 @@ inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
     return w + 1;
 }
 
+// computeUnion of zelmorraPgRangeArray.h, step for step (wrapped order of lower bounds, touch rule,
+// pushOrMerge of the rest), for an output that already holds room for every input range: the
+// choice between the two inputs is made without a branch, which on interleaved input halves the
+// time of the walk.
+template <typename A>
+void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, const IntRange* bEnd,
+                   tVectorBase<IntRange, A>& out)
+{
+    out.clear();
+    if (a == aEnd || b == bEnd)
+    {
+        if (a != aEnd)
+            out.append(a, aEnd);
+        else
+            out.append(b, bEnd);
+        return;
+    }
+    IntRange* o = out.data;
+    size_t w = 0;
+    while (a != aEnd && b != bEnd)
+    {
+        const bool takeB = pgRangeArray::wrappedDifference(b->lower, a->lower) < 0;
+        const IntRange r = takeB ? *b : *a;
+        b += takeB;
+        a += !takeB;
+        if (w != 0 && pgRangeArray::touches(o[w - 1], r))
+            pgRangeArray::mergeInto(o[w - 1], r);
+        else
+            o[w++] = r;
+    }
+    out.size = w;
+    if (a != aEnd)
+        pgRangeArray::pushOrMerge(out, a, aEnd);
+    else if (b != bEnd)
+        pgRangeArray::pushOrMerge(out, b, bEnd);
+}
+
 inline bool isOrdinary(int32_t lower, int32_t upper) { return lower <= upper && upper != INT32_MAX; }
 
 // Eight bytes as one word whose most significant bit is bit 0x80 of the first byte.
@@ -376,7 +413,7 @@ struct Int4ToSetOpDataSetBase
                 ranges.release();
                 ranges.init(need);
             }
-            pgRangeArray::computeUnion(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(), ranges);
+            setAggDetail::unionWithRoom(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(), ranges);
             return SetAggStatus::Ok;
         }
         SetAggStatus status = SetAggStatus::Ok;
