@@ -2,7 +2,8 @@
 # Benchmark of the set aggregates on a throwaway server: zm_int4set_agg and
 # zm_int4set_agg_optimized against PostgreSQL's range_agg(int4range(x, x, '[]')) and
 # array_agg(DISTINCT x ORDER BY x), and against merely reading the rows (count(x)), serial and with
-# 2 parallel workers, on random values and on sorted runs. Prints times (best of REPEAT, after a warm-up run) and ratios,
+# 2 parallel workers, on random values and on sorted runs. Prints times (best of REPEAT rounds in
+# which every query runs once, after a warm-up round) and ratios,
 # then the state sizes measured on the largest table. Parallel runs are timed twice: with the leader
 # scanning rows too (the default) and with the two workers alone (2wk_nold).
 #
@@ -43,16 +44,25 @@ COMMON="SET jit = off; SET work_mem = '256MB';"
 
 psql_q() { psql -X -q -v ON_ERROR_STOP=1 "$@"; }
 
-# Best time in milliseconds of REPEAT runs of a query, after one warm-up run.
-best_ms() {
-    local settings=$1 query=$2
+# Times every (label, settings, query) triple given as arguments (three per triple) in one session,
+# round-robin: one warm-up round, then REPEAT timed rounds, so that load from other processes hits
+# all of them alike. Prints "label best_ms" lines.
+time_round_robin() {
+    local -a args=("$@")
     {
-        echo "$COMMON $settings"
+        echo "$COMMON"
         echo '\o /dev/null'
-        echo "$query;"
-        echo '\timing on'
-        for _ in $(seq "$REPEAT"); do echo "$query;"; done
-    } | psql_q | sed -n 's/^Time: \([0-9.]*\) ms.*/\1/p' | sort -g | head -n 1
+        for round in $(seq 0 "$REPEAT"); do
+            for ((i = 0; i < ${#args[@]}; i += 3)); do
+                echo '\timing off'
+                echo "${args[i + 1]}"
+                echo '\timing on'
+                echo "${args[i + 2]};"
+                [ "$round" -eq 0 ] || echo "\\echo @ ${args[i]}"
+            done
+        done
+    } | psql_q | awk '/^Time: / { t = $2 } /^@ / { if (!($2 in best) || t < best[$2]) best[$2] = t }
+                      END { for (k in best) print k, best[k] }'
 }
 
 # Fails unless the query's plan (with the given settings) contains the text.
@@ -101,20 +111,21 @@ for n in $SIZES; do
         fi
         expect_plan "$PARALLEL" "${queries[1]}" "Partial Aggregate"
         expect_plan "$PARALLEL" "${queries[2]}" "Partial Aggregate"
+        triples=()
+        for i in "${!methods[@]}"; do
+            m=${methods[$i]}
+            triples+=("$m,s" "$SERIAL" "${queries[$i]}")
+            if [ "$m" != range_agg ] && [ "$m" != array_agg ]; then   # no partial aggregation for these
+                triples+=("$m,p" "$PARALLEL" "${queries[$i]}" "$m,w" "$WORKERS_ONLY" "${queries[$i]}")
+            fi
+        done
+        while read -r key ms; do t[$key]=$ms; done < <(time_round_robin "${triples[@]}")
         for i in "${!methods[@]}"; do
             m=${methods[$i]}
             q=${queries[$i]}
-            t[$m,s]=$(best_ms "$SERIAL" "$q")
-            if [ "$m" = range_agg ] || [ "$m" = array_agg ]; then
-                t[$m,p]=""   # no partial aggregation for these
-                t[$m,w]=""
-            else
-                t[$m,p]=$(best_ms "$PARALLEL" "$q")
-                t[$m,w]=$(best_ms "$WORKERS_ONLY" "$q")
-            fi
             printf '%-10s %-7s %-44s %10s %10s %9s %10s %9s\n' "$n" "$kind" "${q:7:44}" "${t[$m,s]}" "${t[$m,p]:--}" \
-                "$( [ -n "${t[$m,p]}" ] && ratio "${t[$m,s]}" "${t[$m,p]}" || echo -)" "${t[$m,w]:--}" \
-                "$( [ -n "${t[$m,w]}" ] && ratio "${t[$m,s]}" "${t[$m,w]}" || echo -)"
+                "$( [ -n "${t[$m,p]:-}" ] && ratio "${t[$m,s]}" "${t[$m,p]}" || echo -)" "${t[$m,w]:--}" \
+                "$( [ -n "${t[$m,w]:-}" ] && ratio "${t[$m,s]}" "${t[$m,w]}" || echo -)"
         done
         line="$n $kind: set/read $(ratio "${t[set,s]}" "${t[read,s]}"), opt/read $(ratio "${t[opt,s]}" "${t[read,s]}")"
         line+=", parallel speed-up set $(ratio "${t[set,s]}" "${t[set,p]}") ($(ratio "${t[set,s]}" "${t[set,w]}") without leader)"

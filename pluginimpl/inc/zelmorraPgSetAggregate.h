@@ -383,6 +383,11 @@ struct Int4ToSetOpDataSetBase
             inputType = other.inputType;
             outputType = other.outputType;
             ranges.clear();
+            if (ranges.capacity < other.ranges.size)
+            {
+                ranges.release();
+                ranges.init(other.ranges.size);
+            }
             ranges.append(other.ranges.begin(), other.ranges.end());
             return SetAggStatus::Ok;
         }
