@@ -3,10 +3,10 @@
 // Int4ToSetOpDataOptimizedBase (zm_int4set_agg_optimized) is a bitfield over 0..M sized once on the
 // first row; see its comment below.
 //
-// Int4ToSetOpDataSetBase (zm_int4set_agg) keeps the set as a sorted list of disjoint closed ranges. Its contract is
-// that every row's range goes through rangeArrayInsert, in row order. Done literally that is
-// quadratic on unsorted input (each insert shifts half the list), so ordinary ranges are buffered
-// and merged in batches instead. This is exact, not an approximation:
+// Int4ToSetOpDataSetBase (zm_int4set_agg) keeps the set as a sorted list of disjoint closed
+// ranges. Its contract is that every row's range goes through rangeArrayInsert, in row order. Done
+// literally that is quadratic on unsorted input (each insert shifts half the list), so ordinary
+// ranges are buffered and merged in batches instead. This is exact, not an approximation:
 //
 //   As long as the list is canonical (sorted, no two ranges touching, lower <= upper, no upper bound
 //   at INT32_MAX) and the range r is ordinary (lower <= upper < INT32_MAX), rangeArrayInsert's two
@@ -19,8 +19,9 @@
 // depend on their exact probe sequence. The first such range therefore flushes the buffer and
 // switches the state to literal per-row rangeArrayInsert for the rest of its life.
 //
-// Every state operation that can fail returns a status instead of reporting, so that the server
-// glue restores the caller's memory context before it raises the ERROR.
+// State operations that can fail return a status instead of reporting, so that the server glue
+// restores the caller's memory context before it raises the ERROR. Only allocation failures and
+// the bitfield's own errors (through its error policy) are raised where they happen.
 //
 // Template parameters:
 //   Allocator: see zelmorraPgVector.h (the bitfield's allocator: see zelmorraPgBitField.h).
@@ -336,7 +337,7 @@ struct Int4ToSetOpDataSetBase
         Hooks::checkInterrupts();
         const size_t s = ranges.size;
         // The list's spare room doubles as the sort's scratch space and then takes the merge. It
-        // grows by a quarter beyond the need rather than doubling: the list is the bulk of the state.
+        // grows by half the need rather than doubling: the list is the bulk of the state.
         if (ranges.capacity < s + p)
             regrow(ranges, s + p + (s + p) / 2);
         IntRange* sorted = sortByLower(pending.data, ranges.data + s, p);
@@ -598,7 +599,6 @@ private:
         v.capacity = capacity;
     }
 };
-
 
 // ---- zm_int4set_agg_optimized ----------------------------------------------------------------
 
