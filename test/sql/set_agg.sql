@@ -62,7 +62,11 @@ SELECT zm_int4set_agg(x, 'x') FROM unnest('{1}'::int4[]) x;
 SELECT zm_int4set_agg(x, 'R') FROM unnest('{1}'::int4[]) x;
 SELECT zm_int4set_agg(x, NULL) FROM unnest('{1}'::int4[]) x;
 SELECT zm_int4set_agg('q', '{1}'::int4[], 's');
+-- A scalar output of more than 2147483647 values (checked before anything is allocated).
+SELECT zm_int4set_agg(-2147483648, 2147483646, 's');
 \set VERBOSITY default
+-- The range and mix outputs of the same set; the mix count wraps (2^32 - 1 values read as -1).
+SELECT zm_int4set_agg(-2147483648, 2147483646, 'r') AS r, zm_int4set_agg(-2147483648, 2147483646, 'm') AS m;
 
 -- The serialised state, shown by an aggregate whose final function is the serial function:
 -- input type byte, output type byte, then int32 lower/upper pairs in machine byte order.

@@ -64,6 +64,8 @@ SELECT zm_int4set_agg_optimized('m', '{9,1,-2147483638,20}'::int4[], 10, 'r');
 SELECT zm_int4set_agg_optimized('r', '{1,2,3}'::int4[], 10, 'r');
 SELECT zm_int4set_agg_optimized(x, 10, 'x') FROM unnest('{1}'::int4[]) x;
 SELECT zm_int4set_agg_optimized('R', '{1}'::int4[], 10, 's');
+-- All 2147483648 values of 0 .. 2147483647 (a bitfield of 256 MB): too many for a scalar array.
+SELECT zm_int4set_agg_optimized(0, 2147483647, 2147483647, 's');
 \set VERBOSITY default
 
 -- The serialised state, shown by an aggregate whose final function is the serial function:
