@@ -263,5 +263,524 @@ extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
 
 // ---- set aggregates ----
 
+// zm_int4set_agg: int4 values, lower/upper pairs or whole sets from many rows into one set, kept
+// as a sorted list of disjoint ranges (state logic in zelmorraPgSetAggregate.h).
+
+#include "zelmorraPgSetAggregate.h"
+
+extern "C" {
+#include "miscadmin.h"
+
+PG_FUNCTION_INFO_V1(zm_int4set_agg_transfn_A);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_transfn_B);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_finalfn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_combinefn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_serialfn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_deserialfn);
+}
+
+namespace zm {
+namespace pg {
+
+struct ServerHooks
+{
+    static void checkInterrupts() { CHECK_FOR_INTERRUPTS(); }
+};
+
+using Int4ToSetOpDataSet = Int4ToSetOpDataSetBase<PallocAllocator, ServerHooks>;
+static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataSet>, "states live across longjmp");
+
+}  // namespace pg
+}  // namespace zm
+
+static_assert(zm::setAggType::Scalar == zm::pgRangeArray::ArrayDataTypeScalar &&
+                  zm::setAggType::Range == zm::pgRangeArray::ArrayDataTypeRange &&
+                  zm::setAggType::Mix == zm::pgRangeArray::ArrayDataTypeMix,
+              "kind letter codes");
+
+namespace {
+
+using zm::SetAggStatus;
+using zm::pg::Int4ToSetOpDataSet;
+
+// Reports a failed state operation; called after the caller's memory context is restored.
+[[noreturn]] void raiseSetAggStatus(SetAggStatus status)
+{
+    switch (status)
+    {
+        case SetAggStatus::NotRangeArray:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn input is not a range array");
+        case SetAggStatus::NotImplemented:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn not implemented");
+        case SetAggStatus::CombineMismatch:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addOtherCtx", "fail to combine Int4ToSetOpDataSet");
+        case SetAggStatus::EmptyBytea:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_deserialfn empty bytea");
+        case SetAggStatus::EmptyRangeArray:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea",
+                     "zm_int4set_agg_deserialfn range array should not be empty");
+        case SetAggStatus::InvalidRangeArraySize:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_deserialfn invalid range array size");
+        case SetAggStatus::Ok:
+            break;
+    }
+    ZM_ERROR(ERRCODE_INTERNAL_ERROR, __LINE__, "raiseSetAggStatus", "unexpected set aggregate status");
+}
+
+bool argumentGiven(FunctionCallInfo fcinfo, int n) { return n < PG_NARGS() && !PG_ARGISNULL(n); }
+
+// A "char" argument (its low byte); a NULL letter reads as 0 and is refused as a kind letter.
+char letterArgument(FunctionCallInfo fcinfo, int n)
+{
+    return argumentGiven(fcinfo, n) ? DatumGetChar(PG_GETARG_DATUM(n)) : '\0';
+}
+
+Int4ToSetOpDataSet* setStateArgument(FunctionCallInfo fcinfo, int n)
+{
+    return PG_ARGISNULL(n) ? nullptr : reinterpret_cast<Int4ToSetOpDataSet*>(PG_GETARG_POINTER(n));
+}
+
+// A fresh state in a memory context of its own under the aggregate context, named after the
+// function that makes it.
+Int4ToSetOpDataSet* newSetState(MemoryContext aggregate, const char* contextName, bool rowsFollow)
+{
+    MemoryContext own = zm::pg::createStateContext(aggregate, contextName);
+    MemoryContext caller = MemoryContextSwitchTo(own);
+    Int4ToSetOpDataSet* state = static_cast<Int4ToSetOpDataSet*>(palloc0(sizeof(Int4ToSetOpDataSet)));
+    state->init(own, rowsFollow);
+    MemoryContextSwitchTo(caller);
+    return state;
+}
+
+// Merges buffered rows (compact: and frees the buffer); allocation happens in the state's context.
+void flushSetState(Int4ToSetOpDataSet* state, bool compact = false)
+{
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    if (compact)
+        state->compact();
+    else
+        state->flush();
+    MemoryContextSwitchTo(caller);
+}
+
+// Shared body of both transition entry points; `letterGivesInput` is true for variant B.
+Datum int4SetAggTransition(FunctionCallInfo fcinfo, bool letterGivesInput)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_transfn");
+    Int4ToSetOpDataSet* state = setStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        state = newSetState(aggregate, "zm_int4set_agg_transfn", true);
+
+    if (state->inputType == zm::setAggType::Uninitialised)
+    {
+        const int nargs = PG_NARGS();
+        const int32_t input = letterGivesInput ? zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, 1))
+                                               : (nargs == 3 ? zm::setAggType::SingleValue : zm::setAggType::LowerUpperPair);
+        const int32_t output = zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, nargs == 3 ? 2 : 3));
+        state->inputType = input;
+        state->outputType = output;
+    }
+
+    // Arrays are detoasted in the caller's (per-row) context so that the copies do not pile up in
+    // the state's context.
+    const int32_t input = state->inputType;
+    zm::pg::Int4ArrayView set{nullptr, 0, false};
+    const bool isSetRow = input == zm::setAggType::Scalar || input == zm::setAggType::Range || input == zm::setAggType::Mix;
+    if (isSetRow && argumentGiven(fcinfo, 2))
+        set = zm::pg::viewInt4Array(zm::pg::detoastArray(PG_GETARG_DATUM(2)));
+
+    SetAggStatus status = SetAggStatus::Ok;
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    switch (input)
+    {
+        case zm::setAggType::SingleValue:
+            if (argumentGiven(fcinfo, 1))
+                state->addValue(PG_GETARG_INT32(1));
+            break;
+        case zm::setAggType::LowerUpperPair:
+            if (argumentGiven(fcinfo, 1) && argumentGiven(fcinfo, 2))
+                state->addRange(PG_GETARG_INT32(1), PG_GETARG_INT32(2));
+            break;
+        case zm::setAggType::Scalar:
+            state->addScalarArray(set.data, static_cast<size_t>(set.count));
+            break;
+        case zm::setAggType::Range:
+            status = state->addRangeArray(set.data, static_cast<size_t>(set.count));
+            break;
+        case zm::setAggType::Mix:
+            state->addMixArray(set.data, static_cast<size_t>(set.count));
+            break;
+        default:
+            status = SetAggStatus::NotImplemented;
+            break;
+    }
+    MemoryContextSwitchTo(caller);
+    if (status != SetAggStatus::Ok)
+        raiseSetAggStatus(status);
+    PG_RETURN_POINTER(state);
+}
+
+}  // namespace
+
+extern "C" Datum zm_int4set_agg_transfn_A(PG_FUNCTION_ARGS) { return int4SetAggTransition(fcinfo, false); }
+
+extern "C" Datum zm_int4set_agg_transfn_B(PG_FUNCTION_ARGS) { return int4SetAggTransition(fcinfo, true); }
+
+// Builds the result in the caller's context, then consumes the state (its context is deleted).
+extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
+{
+    const char* const function = "zm_int4set_agg_finalfn";
+    Int4ToSetOpDataSet* state = setStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
+    flushSetState(state, true);
+
+    ArrayType* result = nullptr;
+    switch (state->outputType)
+    {
+        case zm::setAggType::Range:
+        {
+            if (state->ranges.size > static_cast<size_t>(INT32_MAX) / 2)
+                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
+            result = zm::pg::rangesToArray(state->ranges.data, state->ranges.size);
+            break;
+        }
+        case zm::setAggType::Scalar:
+        {
+            const uint64_t count = state->scalarCount();
+            if (count > static_cast<uint64_t>(INT32_MAX))
+                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
+            result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+            state->writeScalar(zm::pg::int4Data(result));
+            break;
+        }
+        case zm::setAggType::Mix:
+        {
+            const uint64_t count = state->mixElementCount();
+            if (count > static_cast<uint64_t>(INT32_MAX))
+                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
+            result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+            state->writeMix(zm::pg::int4Data(result));
+            break;
+        }
+        default:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_finalfn not implemented");
+    }
+
+    MemoryContext own = static_cast<MemoryContext>(state->memoryContext);
+    state->release();
+    MemoryContextDelete(own);
+    if (result == nullptr)
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_finalfn internal error");
+    PG_RETURN_ARRAYTYPE_P(result);
+}
+
+// A fresh state holding the union of both arguments; neither argument is changed.
+extern "C" Datum zm_int4set_agg_combinefn(PG_FUNCTION_ARGS)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_combinefn");
+    Int4ToSetOpDataSet* state = newSetState(aggregate, "zm_int4set_agg_combinefn", false);
+    Int4ToSetOpDataSet* first = setStateArgument(fcinfo, 0);
+    Int4ToSetOpDataSet* second = setStateArgument(fcinfo, 1);
+    if (first != nullptr)
+        flushSetState(first);
+    if (second != nullptr)
+        flushSetState(second);
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    const SetAggStatus status = state->addOtherCtxPair(first, second);
+    MemoryContextSwitchTo(caller);
+    if (status != SetAggStatus::Ok)
+        raiseSetAggStatus(status);
+    PG_RETURN_POINTER(state);
+}
+
+// bytea: input type byte, output type byte, then the ranges as int32 lower, upper pairs.
+extern "C" Datum zm_int4set_agg_serialfn(PG_FUNCTION_ARGS)
+{
+    Int4ToSetOpDataSet* state = setStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        PG_RETURN_NULL();
+    flushSetState(state, true);
+    bytea* result = zm::pg::allocateBytea(state->serialisedSize());
+    state->toBytes(reinterpret_cast<uint8_t*>(VARDATA(result)));
+    PG_RETURN_BYTEA_P(result);
+}
+
+extern "C" Datum zm_int4set_agg_deserialfn(PG_FUNCTION_ARGS)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_deserialfn");
+    Int4ToSetOpDataSet* state = newSetState(aggregate, "zm_int4set_agg_deserialfn", false);
+    if (PG_ARGISNULL(0))
+        PG_RETURN_POINTER(state);
+    bytea* bytes = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(0)));
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    const SetAggStatus status =
+        state->fromBytes(reinterpret_cast<const uint8_t*>(VARDATA(bytes)), VARSIZE(bytes) - VARHDRSZ);
+    MemoryContextSwitchTo(caller);
+    if (status != SetAggStatus::Ok)
+        raiseSetAggStatus(status);
+    PG_RETURN_POINTER(state);
+}
+
 
 // ---- optimised set aggregate ----
+
+// zm_int4set_agg_optimized: the same job for values known to lie in 0..maxinput, on a bitfield
+// sized once on the first row (state logic in zelmorraPgSetAggregate.h).
+
+#include "zelmorraPgBitFieldServer.h"
+
+extern "C" {
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_transfn_A);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_transfn_B);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_finalfn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_combinefn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_serialfn);
+PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_deserialfn);
+}
+
+namespace zm {
+namespace pg {
+
+using Int4ToSetOpDataOptimized = Int4ToSetOpDataOptimizedBase<BitFieldPallocAllocator, BitFieldErrorReport, ServerHooks>;
+static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataOptimized>, "states live across longjmp");
+static_assert(offsetof(Int4ToSetOpDataOptimized, pending) == 40, "context, two types, capacity, size, data, fill");
+
+}  // namespace pg
+}  // namespace zm
+
+namespace {
+
+using zm::OptimizedAggStatus;
+using zm::pg::Int4ToSetOpDataOptimized;
+
+// Reports a failed state operation; called after the caller's memory context is restored.
+// `value` is the offending single value, `top` the largest accepted value.
+[[noreturn]] void raiseOptimizedStatus(OptimizedAggStatus status, int32_t value, int32_t top)
+{
+    switch (status)
+    {
+        case OptimizedAggStatus::InvalidMaxInput:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized invalid 'maxinput' value ");
+        case OptimizedAggStatus::ValueOutOfRange:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized value %i is out of range [0;%i]",
+                     value, top);
+        case OptimizedAggStatus::RangeOutOfRange:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized value is out of range [0;%i]", top);
+        case OptimizedAggStatus::ScalarOutOfRange:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange",
+                     "int4set_agg_optimized input scalar is out of range [0;%i]", top);
+        case OptimizedAggStatus::NotRangeArray:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized input is not a range array");
+        case OptimizedAggStatus::NotImplemented:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_optimized_transfn not implemented");
+        case OptimizedAggStatus::CombineMismatch:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addOtherCtx", "fail to combine Int4ToSetOpDataSet");
+        case OptimizedAggStatus::EmptyBytea:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_optimized_deserialfn empty bytea");
+        case OptimizedAggStatus::Corrupted:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_optimized_deserialfn corrupted");
+        case OptimizedAggStatus::Ok:
+            break;
+    }
+    ZM_ERROR(ERRCODE_INTERNAL_ERROR, __LINE__, "raiseOptimizedStatus", "unexpected set aggregate status");
+}
+
+Int4ToSetOpDataOptimized* optimizedStateArgument(FunctionCallInfo fcinfo, int n)
+{
+    return PG_ARGISNULL(n) ? nullptr : reinterpret_cast<Int4ToSetOpDataOptimized*>(PG_GETARG_POINTER(n));
+}
+
+Int4ToSetOpDataOptimized* newOptimizedState(MemoryContext aggregate, const char* contextName)
+{
+    MemoryContext own = zm::pg::createStateContext(aggregate, contextName);
+    Int4ToSetOpDataOptimized* state =
+        static_cast<Int4ToSetOpDataOptimized*>(MemoryContextAllocZero(own, sizeof(Int4ToSetOpDataOptimized)));
+    state->init(own);
+    return state;
+}
+
+// One row into the state (Int4ToSetOpDataOptimized::addRange of the aggregate's definition).
+// Arguments: (value | lower, upper | input letter, set), maxinput, output letter.
+void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, bool letterGivesInput)
+{
+    const int nargs = PG_NARGS();
+    const int maxInputAt = nargs == 4 ? 2 : 3;
+    if (state->inputType == zm::setAggType::Uninitialised)
+    {
+        // The NULL test looks at argument 2 whatever the form, so a NULL upper bound or set on the
+        // first row reads as a missing maxinput too.
+        const int32_t maxInput = argumentGiven(fcinfo, maxInputAt) ? PG_GETARG_INT32(maxInputAt) : 0;
+        if (maxInput <= 0 || PG_ARGISNULL(2))
+            raiseOptimizedStatus(OptimizedAggStatus::InvalidMaxInput, 0, 0);
+        const int32_t input = letterGivesInput ? zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, 1))
+                                               : (nargs == 4 ? zm::setAggType::SingleValue : zm::setAggType::LowerUpperPair);
+        const int32_t output = zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, maxInputAt + 1));
+        MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+        state->sizeFor(maxInput);
+        MemoryContextSwitchTo(caller);
+        state->inputType = input;
+        state->outputType = output;
+    }
+
+    // Rows never allocate in the state: no context switch. Arrays are detoasted in the per-row
+    // context.
+    OptimizedAggStatus status = OptimizedAggStatus::Ok;
+    int32_t value = 0;
+    const int32_t input = state->inputType;
+    if (input == zm::setAggType::SingleValue)
+    {
+        if (argumentGiven(fcinfo, 1))
+        {
+            value = PG_GETARG_INT32(1);
+            status = state->addValue(value);
+        }
+    }
+    else if (input == zm::setAggType::LowerUpperPair)
+    {
+        if (argumentGiven(fcinfo, 1) && argumentGiven(fcinfo, 2))
+            status = state->addRange(PG_GETARG_INT32(1), PG_GETARG_INT32(2));
+    }
+    else if (input == zm::setAggType::Scalar || input == zm::setAggType::Range || input == zm::setAggType::Mix)
+    {
+        if (argumentGiven(fcinfo, 2))
+        {
+            const zm::pg::Int4ArrayView set = zm::pg::viewInt4Array(zm::pg::detoastArray(PG_GETARG_DATUM(2)));
+            const size_t count = static_cast<size_t>(set.count);
+            if (input == zm::setAggType::Scalar)
+                status = state->addScalarArray(set.data, count);
+            else if (input == zm::setAggType::Range)
+                status = state->addRangeArray(set.data, count);
+            else
+                status = state->addMixArray(set.data, count);
+        }
+    }
+    else
+        status = OptimizedAggStatus::NotImplemented;
+    if (status != OptimizedAggStatus::Ok)
+        raiseOptimizedStatus(status, value, state->maxAccepted());
+}
+
+Datum zm_int4set_agg_optimized_transfn_impl(FunctionCallInfo fcinfo, bool letterGivesInput)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_optimized_transfn_impl");
+    Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        state = newOptimizedState(aggregate, "zm_int4set_agg_optimized_transfn_impl");
+    addOptimizedRow(state, fcinfo, letterGivesInput);
+    PG_RETURN_POINTER(state);
+}
+
+}  // namespace
+
+extern "C" Datum zm_int4set_agg_optimized_transfn_A(PG_FUNCTION_ARGS)
+{
+    return zm_int4set_agg_optimized_transfn_impl(fcinfo, false);
+}
+
+extern "C" Datum zm_int4set_agg_optimized_transfn_B(PG_FUNCTION_ARGS)
+{
+    return zm_int4set_agg_optimized_transfn_impl(fcinfo, true);
+}
+
+// Builds the result in the caller's context, then consumes the state (its context is deleted).
+extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
+{
+    const char* const function = "zm_int4set_agg_optimized_finalfn";
+    Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
+    state->flush();
+
+    ArrayType* result = nullptr;
+    uint64_t count = 0;
+    switch (state->outputType)
+    {
+        case zm::setAggType::Scalar:
+            count = state->bitCount();
+            break;
+        case zm::setAggType::Range:
+            count = 2 * state->runCount();
+            break;
+        case zm::setAggType::Mix:
+            count = state->mixElementCount();
+            break;
+        default:
+            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn not implemented");
+    }
+    if (count > static_cast<uint64_t>(INT32_MAX))
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
+    result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+    int32_t* out = zm::pg::int4Data(result);
+    if (state->outputType == zm::setAggType::Scalar)
+        state->writeScalar(out);
+    else if (state->outputType == zm::setAggType::Range)
+        state->writeRanges(out);
+    else
+        state->writeMix(out);
+
+    MemoryContext own = static_cast<MemoryContext>(state->memoryContext);
+    if (state->inputType != zm::setAggType::Uninitialised)
+        state->release();
+    MemoryContextDelete(own);
+    if (result == nullptr)
+        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn internal error");
+    PG_RETURN_ARRAYTYPE_P(result);
+}
+
+// A fresh state: a copy of the first argument with the second one's bits ORed in; neither argument
+// is changed.
+extern "C" Datum zm_int4set_agg_optimized_combinefn(PG_FUNCTION_ARGS)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_optimized_combinefn");
+    Int4ToSetOpDataOptimized* state = newOptimizedState(aggregate, "zm_int4set_agg_optimized_combinefn");
+    Int4ToSetOpDataOptimized* first = optimizedStateArgument(fcinfo, 0);
+    Int4ToSetOpDataOptimized* second = optimizedStateArgument(fcinfo, 1);
+    OptimizedAggStatus status = OptimizedAggStatus::Ok;
+    if (first != nullptr)
+        first->flush();
+    if (second != nullptr)
+        second->flush();
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    if (first != nullptr)
+        state->copyFrom(*first);
+    if (second != nullptr)
+    {
+        if (state->inputType == zm::setAggType::Uninitialised)
+            state->copyFrom(*second);
+        else
+            status = state->addOtherCtx(*second);
+    }
+    MemoryContextSwitchTo(caller);
+    if (status != OptimizedAggStatus::Ok)
+        raiseOptimizedStatus(status, 0, 0);
+    PG_RETURN_POINTER(state);
+}
+
+// bytea: input type byte, output type byte, int32 capacity, then the bytes in use.
+extern "C" Datum zm_int4set_agg_optimized_serialfn(PG_FUNCTION_ARGS)
+{
+    Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
+    if (state == nullptr)
+        PG_RETURN_NULL();
+    state->flush();
+    bytea* result = zm::pg::allocateBytea(state->serialisedSize());
+    state->toBytes(reinterpret_cast<uint8_t*>(VARDATA(result)));
+    PG_RETURN_BYTEA_P(result);
+}
+
+extern "C" Datum zm_int4set_agg_optimized_deserialfn(PG_FUNCTION_ARGS)
+{
+    MemoryContext aggregate = zm::pg::aggregateContext(fcinfo, "zm_int4set_agg_optimized_deserialfn");
+    Int4ToSetOpDataOptimized* state = newOptimizedState(aggregate, "zm_int4set_agg_optimized_deserialfn");
+    if (PG_ARGISNULL(0))
+        PG_RETURN_POINTER(state);
+    bytea* bytes = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(0)));
+    MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
+    const OptimizedAggStatus status =
+        state->fromBytes(reinterpret_cast<const uint8_t*>(VARDATA(bytes)), VARSIZE(bytes) - VARHDRSZ);
+    MemoryContextSwitchTo(caller);
+    if (status != OptimizedAggStatus::Ok)
+        raiseOptimizedStatus(status, 0, 0);
+    PG_RETURN_POINTER(state);
+}

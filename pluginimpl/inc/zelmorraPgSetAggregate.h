@@ -1,0 +1,1025 @@
+// Transition states of the int4 set aggregates, without PostgreSQL dependency.
+//
+// Int4ToSetOpDataOptimizedBase (zm_int4set_agg_optimized) is a bitfield over 0..M sized once on the
+// first row; see its comment below.
+//
+// Int4ToSetOpDataSetBase (zm_int4set_agg) keeps the set as a sorted list of disjoint closed
+// ranges. Its contract is that every row's range goes through rangeArrayInsert, in row order. Done
+// literally that is quadratic on unsorted input (each insert shifts half the list), so ordinary
+// ranges are buffered and merged in batches instead. This is exact, not an approximation:
+//
+//   As long as the list is canonical (sorted, no two ranges touching, lower <= upper, no upper bound
+//   at INT32_MAX) and the range r is ordinary (lower <= upper < INT32_MAX), rangeArrayInsert's two
+//   binary searches see monotone predicates without wrap-around and its result is the canonical
+//   form of list + r. The canonical form of a set is unique, so any sequence of such inserts ends
+//   in the canonical form of the union, whatever the order; a sort and a merge produce the same.
+//
+// A range ending at INT32_MAX (r.upper + 1 wraps, so rangeArrayInsert puts it at the front without
+// merging) or given reversed breaks the list's order, after which the binary searches' results
+// depend on their exact probe sequence. The first such range therefore flushes the buffer and
+// switches the state to literal per-row rangeArrayInsert for the rest of its life.
+//
+// State operations that can fail return a status instead of reporting, so that the server glue
+// restores the caller's memory context before it raises the ERROR. Only allocation failures and
+// the bitfield's own errors (through its error policy) are raised where they happen.
+//
+// Template parameters:
+//   Allocator: see zelmorraPgVector.h (the bitfield's allocator: see zelmorraPgBitField.h).
+//   BitFieldErrors: the bitfield's error policy (zelmorraPgBitField.h).
+//   Hooks:     static void checkInterrupts(); called between batches and every few thousand
+//              elements of long loops, so that a cancel request is honoured.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+#include "zelmorraPgBitField.h"
+#include "zelmorraPgRangeArray.h"
+#include "zelmorraPgVector.h"
+
+namespace zm {
+
+// Array data type codes of the set aggregates (the letter codes match ArrayDataTypeFromChar).
+namespace setAggType {
+constexpr int32_t Uninitialised = 0;
+constexpr int32_t SingleValue = 1;     // one int4 per row (input only)
+constexpr int32_t LowerUpperPair = 2;  // an int4 lower and upper per row (input only)
+constexpr int32_t Scalar = 3;
+constexpr int32_t Range = 4;
+constexpr int32_t Mix = 5;
+}  // namespace setAggType
+
+enum class SetAggStatus : uint8_t
+{
+    Ok,
+    NotRangeArray,          // a range-array row with an odd element count
+    NotImplemented,         // an input type outside 1..5
+    CombineMismatch,        // addOtherCtx: states built for different input or output types
+    EmptyBytea,             // fromBytea: shorter than the two type bytes
+    EmptyRangeArray,        // fromBytea: an initialised state without ranges
+    InvalidRangeArraySize,  // fromBytea: not a whole number of ranges
+};
+
+namespace setAggDetail {
+
+using IntRange = pgRangeArray::Range<int>;
+
+// Sort key of a lower bound: signed order as unsigned order.
+inline uint32_t lowerKey(const IntRange& r) { return static_cast<uint32_t>(r.lower) ^ 0x80000000u; }
+
+// Sorts n ranges by lower bound (LSD radix sort, digits of 11, 11 and 10 bits; a digit that is
+// the same for every range costs no pass). `temp` holds n ranges. Returns where the sorted ranges
+// are: data or temp.
+inline IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
+{
+    if (n < 48)
+    {
+        for (size_t i = 1; i < n; ++i)
+        {
+            const IntRange r = data[i];
+            size_t j = i;
+            for (; j > 0 && data[j - 1].lower > r.lower; --j)
+                data[j] = data[j - 1];
+            data[j] = r;
+        }
+        return data;
+    }
+    constexpr int digitBits[3] = {11, 11, 10};
+    constexpr int digitShift[3] = {0, 11, 22};
+    size_t histogram[3][2048];
+    std::memset(histogram, 0, sizeof histogram);
+    for (size_t i = 0; i < n; ++i)
+    {
+        const uint32_t k = lowerKey(data[i]);
+        ++histogram[0][k & 2047];
+        ++histogram[1][(k >> 11) & 2047];
+        ++histogram[2][k >> 22];
+    }
+    IntRange* src = data;
+    IntRange* dst = temp;
+    for (int pass = 0; pass < 3; ++pass)
+    {
+        size_t* h = histogram[pass];
+        const int shift = digitShift[pass];
+        const uint32_t mask = (1u << digitBits[pass]) - 1;
+        if (h[(lowerKey(src[0]) >> shift) & mask] == n)
+            continue;
+        size_t offset = 0;
+        for (uint32_t d = 0; d <= mask; ++d)
+        {
+            const size_t c = h[d];
+            h[d] = offset;
+            offset += c;
+        }
+        for (size_t i = 0; i < n; ++i)
+        {
+            const IntRange r = src[i];
+            dst[h[(lowerKey(r) >> shift) & mask]++] = r;
+        }
+        std::swap(src, dst);
+    }
+    return src;
+}
+
+// Joins touching or overlapping ranges of a sorted sequence of ordinary ranges (upper < INT32_MAX,
+// so upper + 1 cannot wrap), writing to out (which may be in); returns the count written.
+inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
+{
+    if (n == 0)
+        return 0;
+    size_t w = 0;
+    out[0] = in[0];
+    for (size_t i = 1; i < n; ++i)
+    {
+        const IntRange r = in[i];
+        if (r.lower <= out[w].upper + 1)
+        {
+            if (r.upper > out[w].upper)
+                out[w].upper = r.upper;
+        }
+        else
+            out[++w] = r;
+    }
+    return w + 1;
+}
+
+// computeUnion of zelmorraPgRangeArray.h, step for step (wrapped order of lower bounds, touch rule,
+// pushOrMerge of the rest), for an output that already holds room for every input range: the
+// choice between the two inputs is made without a branch, which on interleaved input halves the
+// time of the walk.
+template <typename A>
+void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, const IntRange* bEnd,
+                   tVectorBase<IntRange, A>& out)
+{
+    out.clear();
+    if (a == aEnd || b == bEnd)
+    {
+        if (a != aEnd)
+            out.append(a, aEnd);
+        else
+            out.append(b, bEnd);
+        return;
+    }
+    IntRange* o = out.data;
+    size_t w = 0;
+    while (a != aEnd && b != bEnd)
+    {
+        const bool takeB = pgRangeArray::wrappedDifference(b->lower, a->lower) < 0;
+        const IntRange r = takeB ? *b : *a;
+        b += takeB;
+        a += !takeB;
+        if (w != 0 && pgRangeArray::touches(o[w - 1], r))
+            pgRangeArray::mergeInto(o[w - 1], r);
+        else
+            o[w++] = r;
+    }
+    out.size = w;
+    if (a != aEnd)
+        pgRangeArray::pushOrMerge(out, a, aEnd);
+    else if (b != bEnd)
+        pgRangeArray::pushOrMerge(out, b, bEnd);
+}
+
+inline bool isOrdinary(int32_t lower, int32_t upper) { return lower <= upper && upper != INT32_MAX; }
+
+// Eight bytes as one word whose most significant bit is bit 0x80 of the first byte.
+inline uint64_t loadBigEndian64(const uint8_t* from)
+{
+    uint64_t w;
+    std::memcpy(&w, from, sizeof w);
+#if defined(__BYTE_ORDER__) && __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    return w;
+#else
+    return __builtin_bswap64(w);
+#endif
+}
+
+inline void storeInt32(uint8_t* to, int32_t v) { std::memcpy(to, &v, sizeof v); }
+inline int32_t loadInt32(const uint8_t* from)
+{
+    int32_t v;
+    std::memcpy(&v, from, sizeof v);
+    return v;
+}
+
+}  // namespace setAggDetail
+
+// State of zm_int4set_agg. The first four fields are the state as the aggregate defines it; the
+// rest is the batching machinery described at the top of this file.
+template <typename Allocator, typename Hooks>
+struct Int4ToSetOpDataSetBase
+{
+    using IntRange = pgRangeArray::Range<int>;
+    using Ranges = tVectorBase<IntRange, Allocator>;
+
+    static constexpr size_t initialCapacity = 1024;
+    static constexpr size_t defaultMinBatch = 65536;
+    static constexpr size_t interruptInterval = 8192;
+
+    void* memoryContext;
+    int32_t inputType;
+    int32_t outputType;
+    Ranges ranges;
+
+    // Ordinary ranges not merged into `ranges` yet (unsorted), allocated on first need.
+    Ranges pending;
+    // Smallest batch merged at once; batches also grow with the list (half of it), which keeps
+    // the merging cost per row constant.
+    size_t minBatch;
+    // The list left its canonical form (or its provenance is unknown): literal rangeArrayInsert.
+    bool insertEachRow;
+
+    // A fresh state with room for 1024 ranges. `rowsFollow` is false for states made by combine and
+    // deserial, whose ranges are trusted as stored and which never receive rows.
+    void init(void* context, bool rowsFollow = true)
+    {
+        memoryContext = context;
+        inputType = setAggType::Uninitialised;
+        outputType = setAggType::Uninitialised;
+        ranges.init(initialCapacity);
+        pending.capacity = 0;
+        pending.size = 0;
+        pending.data = nullptr;
+        minBatch = defaultMinBatch;
+        insertEachRow = !rowsFollow;
+    }
+
+    void release()
+    {
+        ranges.release();
+        pending.release();
+    }
+
+    // Before the state is serialised or finalised: merges the buffer and gives its block back.
+    void compact()
+    {
+        flush();
+        pending.release();
+    }
+
+    // ---- rows ----
+
+    void addValue(int32_t v) { addRange(v, v); }
+
+    // One range as rangeArrayInsert would insert it (bounds taken as given, reversed or not).
+    void addRange(int32_t lower, int32_t upper)
+    {
+        if (!insertEachRow)
+        {
+            if (setAggDetail::isOrdinary(lower, upper))
+            {
+                addOrdinary(IntRange{lower, upper});
+                return;
+            }
+            flush();
+            insertEachRow = true;
+            pending.release();
+        }
+        pgRangeArray::rangeArrayInsert(ranges, IntRange{lower, upper});
+    }
+
+    // Elements of a scalar array, each the range [e, e], in array order.
+    void addScalarArray(const int32_t* data, size_t count)
+    {
+        for (size_t i = 0; i < count; ++i)
+        {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Hooks::checkInterrupts();
+            addRange(data[i], data[i]);
+        }
+    }
+
+    // Lower/upper pairs of a range array, in array order; an odd element count is refused.
+    SetAggStatus addRangeArray(const int32_t* data, size_t count)
+    {
+        if (count % 2 != 0)
+            return SetAggStatus::NotRangeArray;
+        for (size_t i = 0; i < count; i += 2)
+        {
+            if ((i & (2 * interruptInterval - 1)) == 2 * interruptInterval - 2)
+                Hooks::checkInterrupts();
+            addRange(data[i], data[i + 1]);
+        }
+        return SetAggStatus::Ok;
+    }
+
+    // Items of a mix array after its count element: e >= 0 is [e, e], a negative e opens the range
+    // [e & 0x7fffffff, next element]. A range opener without a next element is ignored.
+    void addMixArray(const int32_t* data, size_t count)
+    {
+        for (size_t i = 1; i < count; ++i)
+        {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Hooks::checkInterrupts();
+            const int32_t e = data[i];
+            if (e >= 0)
+                addRange(e, e);
+            else if (i + 1 < count)
+            {
+                addRange(static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu), data[i + 1]);
+                ++i;
+            }
+        }
+    }
+
+    // ---- batches ----
+
+    // Merges the buffered ranges into the list; afterwards `ranges` is exactly what per-row
+    // insertion would have produced. Called before every combine, serial and final step.
+    void flush()
+    {
+        using namespace setAggDetail;
+        const size_t p = pending.size;
+        if (p == 0)
+            return;
+        Hooks::checkInterrupts();
+        const size_t s = ranges.size;
+        // The list's spare room doubles as the sort's scratch space and then takes the merge. It
+        // grows by half the need rather than doubling: the list is the bulk of the state.
+        if (ranges.capacity < s + p)
+            regrow(ranges, s + p + (s + p) / 2);
+        IntRange* sorted = sortByLower(pending.data, ranges.data + s, p);
+        const size_t b = coalesceSorted(sorted, p, pending.data);
+        pending.size = 0;
+
+        // Merge from the back: the list's ranges above the batch move up, the others stay put.
+        IntRange* out = ranges.data;
+        const IntRange* batch = pending.data;
+        size_t i = s;
+        size_t j = b;
+        size_t k = s + b;
+        // k == i + j throughout, so the write never reaches a list range not yet moved. The choice
+        // is made without a branch: on unsorted input it is a coin toss.
+        while (i > 0 && j > 0)
+        {
+            uint64_t fromList;
+            uint64_t fromBatch;
+            std::memcpy(&fromList, &out[i - 1], sizeof fromList);
+            std::memcpy(&fromBatch, &batch[j - 1], sizeof fromBatch);
+            const bool takeList = out[i - 1].lower > batch[j - 1].lower;
+            const uint64_t taken = takeList ? fromList : fromBatch;
+            std::memcpy(&out[--k], &taken, sizeof taken);
+            i -= takeList;
+            j -= !takeList;
+            if ((k & 0xFFFFF) == 0)
+                Hooks::checkInterrupts();
+        }
+        while (j > 0)
+            out[--k] = batch[--j];
+        // out[0, i) is untouched and canonical; join touching ranges from the first moved one on.
+        const size_t from = i > 0 ? i - 1 : 0;
+        ranges.size = from + coalesceSorted(out + from, s + b - from, out + from);
+        Hooks::checkInterrupts();
+    }
+
+    // ---- combine ----
+
+    // Merges other (flushed) into this (flushed) state; other is not changed.
+    SetAggStatus addOtherCtx(const Int4ToSetOpDataSetBase& other)
+    {
+        if (inputType == setAggType::Uninitialised)
+        {
+            inputType = other.inputType;
+            outputType = other.outputType;
+            ranges.clear();
+            if (ranges.capacity < other.ranges.size)
+            {
+                ranges.release();
+                ranges.init(other.ranges.size);
+            }
+            ranges.append(other.ranges.begin(), other.ranges.end());
+            return SetAggStatus::Ok;
+        }
+        if (inputType != other.inputType || outputType != other.outputType)
+            return SetAggStatus::CombineMismatch;
+        Ranges merged;
+        merged.init(std::max<size_t>(ranges.size + other.ranges.size, 1));
+        pgRangeArray::computeUnion(ranges.begin(), ranges.end(), other.ranges.begin(), other.ranges.end(), merged);
+        ranges.release();
+        ranges = merged;
+        return SetAggStatus::Ok;
+    }
+
+    // On a fresh state: the result of addOtherCtx(*a) then addOtherCtx(*b) (a null pointer stands
+    // for an argument that is not there), without first copying a when both are there.
+    SetAggStatus addOtherCtxPair(const Int4ToSetOpDataSetBase* a, const Int4ToSetOpDataSetBase* b)
+    {
+        if (a != nullptr && b != nullptr && a->inputType != setAggType::Uninitialised &&
+            inputType == setAggType::Uninitialised)
+        {
+            if (a->inputType != b->inputType || a->outputType != b->outputType)
+                return SetAggStatus::CombineMismatch;
+            inputType = a->inputType;
+            outputType = a->outputType;
+            const size_t need = std::max<size_t>(a->ranges.size + b->ranges.size, 1);
+            if (ranges.capacity < need)
+            {
+                ranges.release();
+                ranges.init(need);
+            }
+            setAggDetail::unionWithRoom(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(), ranges);
+            return SetAggStatus::Ok;
+        }
+        SetAggStatus status = SetAggStatus::Ok;
+        if (a != nullptr)
+            status = addOtherCtx(*a);
+        if (status == SetAggStatus::Ok && b != nullptr)
+            status = addOtherCtx(*b);
+        return status;
+    }
+
+    // ---- serialised form: input type byte, output type byte, then the ranges ----
+
+    static constexpr size_t headerBytes = 2;
+
+    size_t serialisedSize() const { return headerBytes + ranges.size * sizeof(IntRange); }
+
+    // Writes serialisedSize() bytes (a flushed state).
+    void toBytes(uint8_t* out) const
+    {
+        out[0] = static_cast<uint8_t>(inputType);
+        out[1] = static_cast<uint8_t>(outputType);
+        if (ranges.size)
+            std::memcpy(out + headerBytes, ranges.data, ranges.size * sizeof(IntRange));
+    }
+
+    // Rebuilds a fresh state from `length` serialised bytes. The ranges are trusted as stored.
+    SetAggStatus fromBytes(const uint8_t* in, size_t length)
+    {
+        if (length < headerBytes)
+            return SetAggStatus::EmptyBytea;
+        inputType = in[0];
+        outputType = in[1];
+        const size_t d = length - headerBytes;
+        if (d == 0)
+            return inputType == setAggType::Uninitialised ? SetAggStatus::Ok : SetAggStatus::EmptyRangeArray;
+        if (d % sizeof(IntRange) != 0)
+            return SetAggStatus::InvalidRangeArraySize;
+        const size_t n = d / sizeof(IntRange);
+        if (n > ranges.capacity)
+        {
+            ranges.release();
+            ranges.init(n);
+        }
+        std::memcpy(ranges.data, in + headerBytes, d);
+        ranges.size = n;
+        return SetAggStatus::Ok;
+    }
+
+    // ---- final forms (a flushed state) ----
+
+    // Values of the scalar output: ranges with lower <= upper expanded.
+    uint64_t scalarCount() const
+    {
+        uint64_t n = 0;
+        for (const IntRange& r : ranges)
+            if (r.lower <= r.upper)
+                n += static_cast<uint64_t>(static_cast<int64_t>(r.upper) - r.lower + 1);
+        return n;
+    }
+
+    // Writes scalarCount() values, ascending within each range.
+    void writeScalar(int32_t* out) const
+    {
+        size_t sinceCheck = 0;
+        for (const IntRange& r : ranges)
+        {
+            if (r.lower > r.upper)
+                continue;
+            int32_t v = r.lower;
+            for (;;)
+            {
+                *out++ = v;
+                if (v == r.upper)
+                    break;
+                ++v;
+            }
+            sinceCheck += static_cast<uint32_t>(r.upper) - static_cast<uint32_t>(r.lower) + 1;
+            if (sinceCheck >= (size_t{1} << 20))
+            {
+                sinceCheck = 0;
+                Hooks::checkInterrupts();
+            }
+        }
+    }
+
+    // Elements of the mix output: the count element and one or two per range; none when empty.
+    uint64_t mixElementCount() const
+    {
+        if (ranges.size == 0)
+            return 0;
+        uint64_t n = 1;
+        for (const IntRange& r : ranges)
+            n += r.lower == r.upper ? 1 : 2;
+        return n;
+    }
+
+    // Writes mixElementCount() elements: the value count (a wrapping int32 sum), then the items.
+    void writeMix(int32_t* out) const
+    {
+        if (ranges.size == 0)
+            return;
+        int32_t* count = out++;
+        uint32_t values = 0;
+        for (const IntRange& r : ranges)
+        {
+            values += static_cast<uint32_t>(r.upper) - static_cast<uint32_t>(r.lower) + 1u;
+            if (r.lower == r.upper)
+                *out++ = r.lower;
+            else
+            {
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(r.lower) | 0x80000000u);
+                *out++ = r.upper;
+            }
+        }
+        *count = static_cast<int32_t>(values);
+    }
+
+private:
+    size_t batchLimit() const { return std::max(minBatch, ranges.size / 2); }
+
+    void addOrdinary(const IntRange& r)
+    {
+        // At or after the list's last range (sorted input): join or append directly.
+        if (ranges.size != 0)
+        {
+            IntRange& last = ranges.back();
+            if (r.lower >= last.lower)
+            {
+                if (r.lower > last.upper + 1)
+                    ranges.push_back(r);
+                else if (r.upper > last.upper)
+                    last.upper = r.upper;
+                return;
+            }
+        }
+        else
+        {
+            ranges.push_back(r);
+            return;
+        }
+        // Before it: buffer, joining the previous buffered range when they touch (runs in
+        // descending order stay one range).
+        if (pending.size != 0)
+        {
+            IntRange& prev = pending.back();
+            if (r.lower <= prev.upper + 1 && prev.lower <= r.upper + 1)
+            {
+                prev.lower = std::min(prev.lower, r.lower);
+                prev.upper = std::max(prev.upper, r.upper);
+                return;
+            }
+        }
+        const size_t limit = batchLimit();
+        if (pending.size == pending.capacity)
+        {
+            if (pending.capacity == 0)
+                pending.init(256);
+            else if (pending.capacity < limit)
+                regrow(pending, std::min(2 * pending.capacity, limit));
+            else
+                flush();  // not reached: a full batch is merged as soon as it is complete
+        }
+        pending.data[pending.size++] = r;
+        if (pending.size >= limit)
+            flush();
+    }
+
+    // Replaces v's block by one of exactly `capacity` elements (at least its size).
+    static void regrow(Ranges& v, size_t capacity)
+    {
+        IntRange* grown = static_cast<IntRange*>(Allocator::allocate(capacity * sizeof(IntRange)));
+        if (v.size)
+            std::memcpy(grown, v.data, v.size * sizeof(IntRange));
+        if (v.data)
+            Allocator::deallocate(v.data);
+        v.data = grown;
+        v.capacity = capacity;
+    }
+};
+
+// ---- zm_int4set_agg_optimized ----------------------------------------------------------------
+
+enum class OptimizedAggStatus : uint8_t
+{
+    Ok,
+    InvalidMaxInput,   // first row: maxinput <= 0 (or argument 2 NULL, checked by the caller)
+    ValueOutOfRange,   // a single value outside the bitfield
+    RangeOutOfRange,   // a lower/upper pair reaching outside the bitfield
+    ScalarOutOfRange,  // some values of a set row outside the bitfield (the others are set)
+    NotRangeArray,     // a range-array row with an odd element count
+    NotImplemented,    // an input type outside 1..5
+    CombineMismatch,   // states built for different input or output types
+    EmptyBytea,        // fromBytea: shorter than its 6-byte header
+    Corrupted,         // fromBytea: more bytes than the stored capacity
+};
+
+// State of zm_int4set_agg_optimized: one bit per value 0..M (bit order of zelmorraPgBitField.h),
+// sized once from M on the first row. A value v is accepted when its byte is in use
+// ((uint32) v >> 3 < size), so up to 7 values above M are accepted and negative ones are not.
+template <typename Allocator, typename BitFieldErrors, typename Hooks>
+struct Int4ToSetOpDataOptimizedBase
+{
+    using Bits = BitFieldBase<Allocator, BitFieldErrors>;
+
+    void* memoryContext;
+    int32_t inputType;
+    int32_t outputType;
+    Bits bits;  // with its fill byte, 0
+
+    // The fields above are the state as the aggregate defines it. Single values and pairs of rows
+    // are checked at once but, on a bitfield too large for the caches, their bits are set in
+    // batches: a row's bit write is then a cache miss, and misses overlap only within a tight loop.
+    // Set before every combine, serial and final step (flush).
+    static constexpr uint32_t batchSize = 1024;
+    static constexpr uint32_t batchFromBytes = 256 * 1024;
+    pgRangeArray::Range<int>* pending;  // null: bits are set row by row
+    uint32_t pendingCount;
+
+    void init(void* context)
+    {
+        memoryContext = context;
+        inputType = setAggType::Uninitialised;
+        outputType = setAggType::Uninitialised;
+        bits.init(0);
+        pending = nullptr;
+        pendingCount = 0;
+    }
+
+    void release()
+    {
+        bits.release();
+        if (pending)
+            Allocator::deallocate(pending);
+        pending = nullptr;
+        pendingCount = 0;
+    }
+
+    void flush()
+    {
+        const pgRangeArray::Range<int>* p = pending;
+        const uint32_t n = pendingCount;
+        uint8_t* data = bits.data;
+        constexpr uint32_t ahead = 16;
+        for (uint32_t i = 0; i < n; ++i)
+        {
+            if (i + ahead < n)
+                __builtin_prefetch(data + (static_cast<uint32_t>(p[i + ahead].lower) >> 3), 1);
+            const uint32_t lo = static_cast<uint32_t>(p[i].lower);
+            const uint32_t hi = static_cast<uint32_t>(p[i].upper);
+            if (lo == hi)
+                setBit(data, lo);
+            else
+                writeRange(data, lo, hi);
+        }
+        pendingCount = 0;
+    }
+
+    // Sizing on the first row: whole 64-bit words for 0..M reserved, the bytes holding 0..M in use.
+    // The caller has checked M > 0.
+    void sizeFor(int32_t maxInput)
+    {
+        const uint32_t values = static_cast<uint32_t>(maxInput) + 1u;
+        const uint32_t capacity = (values >> 6) * 8u + ((values & 63u) != 0 ? 8u : 0u);
+        bits.fill = 0;
+        bits.reserve(capacity);
+        const uint32_t lastByte = static_cast<uint32_t>(maxInput) >> 3;
+        if (!(lastByte < bits.size))
+            bits.resize(lastByte + 1);
+        if (bits.size >= batchFromBytes)
+        {
+            pending = static_cast<pgRangeArray::Range<int>*>(
+                Allocator::allocate(batchSize * sizeof(pgRangeArray::Range<int>)));
+            if (pending == nullptr)
+            {
+                Allocator::diagnostic("Out of memory");
+                BitFieldErrors::report(BitFieldError::OutOfMemory, __FILE__, __LINE__, "addRange", nullptr);
+            }
+        }
+    }
+
+    // The largest accepted value, as the error messages show it.
+    int32_t maxAccepted() const { return static_cast<int32_t>(bits.size * 8u - 1u); }
+
+    bool holds(int32_t v) const { return (static_cast<uint32_t>(v) >> 3) < bits.size; }
+
+    // ---- rows ----
+
+    OptimizedAggStatus addValue(int32_t v)
+    {
+        if (!holds(v))
+            return OptimizedAggStatus::ValueOutOfRange;
+        if (pending)
+            buffer(v, v);
+        else
+            bits.set(static_cast<uint32_t>(v));
+        return OptimizedAggStatus::Ok;
+    }
+
+    // lower > upper adds nothing; otherwise every value must be held.
+    OptimizedAggStatus addRange(int32_t lower, int32_t upper)
+    {
+        if (lower > upper)
+            return OptimizedAggStatus::Ok;
+        if (!holds(lower) || !holds(upper))
+            return OptimizedAggStatus::RangeOutOfRange;
+        if (pending)
+            buffer(lower, upper);
+        else
+            bits.setRange(static_cast<uint32_t>(lower), static_cast<uint32_t>(upper));
+        return OptimizedAggStatus::Ok;
+    }
+
+    OptimizedAggStatus addScalarArray(const int32_t* data, size_t count)
+    {
+        bool outside = false;
+        for (size_t i = 0; i < count; ++i)
+        {
+            if ((i & 8191) == 8191)
+                Hooks::checkInterrupts();
+            const int32_t v = data[i];
+            if (holds(v))
+                bits.set(static_cast<uint32_t>(v));
+            else
+                outside = true;
+        }
+        return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
+    }
+
+    OptimizedAggStatus addRangeArray(const int32_t* data, size_t count)
+    {
+        if (count % 2 != 0)
+            return OptimizedAggStatus::NotRangeArray;
+        bool outside = false;
+        for (size_t i = 0; i < count; i += 2)
+        {
+            if ((i & 8191) == 8190)
+                Hooks::checkInterrupts();
+            clippedRange(data[i], data[i + 1], outside);
+        }
+        return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
+    }
+
+    // Items after the count element; a range opener without a next element is ignored.
+    OptimizedAggStatus addMixArray(const int32_t* data, size_t count)
+    {
+        bool outside = false;
+        for (size_t i = 1; i < count; ++i)
+        {
+            if ((i & 8191) == 8191)
+                Hooks::checkInterrupts();
+            const int32_t e = data[i];
+            if (e >= 0)
+            {
+                if (holds(e))
+                    bits.set(static_cast<uint32_t>(e));
+                else
+                    outside = true;
+            }
+            else if (i + 1 < count)
+            {
+                clippedRange(static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu), data[i + 1], outside);
+                ++i;
+            }
+        }
+        return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
+    }
+
+    // ---- combine ----
+
+    // Takes other's types, fill byte, capacity and bytes in use (this state is fresh).
+    void copyFrom(const Int4ToSetOpDataOptimizedBase& other)
+    {
+        inputType = other.inputType;
+        outputType = other.outputType;
+        bits.fill = other.bits.fill;
+        bits.size = 0;
+        bits.reserve(other.bits.capacity);
+        if (other.bits.size)
+            std::memcpy(bits.data, other.bits.data, other.bits.size);
+        bits.size = other.bits.size;
+    }
+
+    // ORs other's bits into this state (initialised), growing it to other's size.
+    OptimizedAggStatus addOtherCtx(const Int4ToSetOpDataOptimizedBase& other)
+    {
+        if (inputType != other.inputType || outputType != other.outputType)
+            return OptimizedAggStatus::CombineMismatch;
+        const uint32_t n = other.bits.size;
+        if (n > bits.size)
+            bits.resize(n);
+        uint8_t* to = bits.data;
+        const uint8_t* from = other.bits.data;
+        uint32_t i = 0;
+        for (; i + 8 <= n; i += 8)
+        {
+            uint64_t a;
+            uint64_t b;
+            std::memcpy(&a, to + i, 8);
+            std::memcpy(&b, from + i, 8);
+            a |= b;
+            std::memcpy(to + i, &a, 8);
+        }
+        for (; i < n; ++i)
+            to[i] |= from[i];
+        return OptimizedAggStatus::Ok;
+    }
+
+    // ---- serialised form: input type byte, output type byte, int32 capacity, bytes in use ----
+
+    static constexpr size_t headerBytes = 6;
+
+    size_t serialisedSize() const
+    {
+        return headerBytes + (inputType == setAggType::Uninitialised ? 0 : bits.size);
+    }
+
+    void toBytes(uint8_t* out) const
+    {
+        const bool initialised = inputType != setAggType::Uninitialised;
+        out[0] = static_cast<uint8_t>(inputType);
+        out[1] = static_cast<uint8_t>(outputType);
+        setAggDetail::storeInt32(out + 2, initialised ? static_cast<int32_t>(bits.capacity) : 0);
+        if (initialised && bits.size)
+            std::memcpy(out + headerBytes, bits.data, bits.size);
+    }
+
+    // Rebuilds a fresh state from `length` serialised bytes. A capacity that is not a multiple of 8
+    // is refused by the bitfield's reserve.
+    OptimizedAggStatus fromBytes(const uint8_t* in, size_t length)
+    {
+        if (length < headerBytes)
+            return OptimizedAggStatus::EmptyBytea;
+        const size_t d = length - headerBytes;
+        inputType = in[0];
+        outputType = in[1];
+        const int32_t capacity = setAggDetail::loadInt32(in + 2);
+        if (capacity < 0 || d > static_cast<size_t>(capacity))
+            return OptimizedAggStatus::Corrupted;
+        if (d == 0 && capacity == 0)
+            return OptimizedAggStatus::Ok;
+        bits.reserve(static_cast<uint32_t>(capacity));
+        if (d)
+            std::memcpy(bits.data, in + headerBytes, d);
+        bits.size = static_cast<uint32_t>(d);
+        return OptimizedAggStatus::Ok;
+    }
+
+    // ---- final forms: values ascending from 0 ----
+
+    uint64_t bitCount() const
+    {
+        uint64_t n = 0;
+        forEachWord([&n](uint64_t, uint64_t w) {
+            n += static_cast<uint64_t>(__builtin_popcountll(w));
+            return true;
+        });
+        return n;
+    }
+
+    uint64_t runCount() const
+    {
+        uint64_t n = 0;
+        uint64_t previousLowBit = 0;  // the value just before this word is set
+        forEachWord([&](uint64_t, uint64_t w) {
+            const uint64_t starts = w & ~((w >> 1) | (previousLowBit << 63));
+            n += static_cast<uint64_t>(__builtin_popcountll(starts));
+            previousLowBit = w & 1u;
+            return true;
+        });
+        return n;
+    }
+
+    void writeScalar(int32_t* out) const
+    {
+        forEachWord([&out](uint64_t base, uint64_t w) {
+            while (w != 0)
+            {
+                const int top = __builtin_clzll(w);
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(base + static_cast<uint64_t>(top)));
+                w &= ~(uint64_t{1} << (63 - top));
+            }
+            return true;
+        });
+    }
+
+    // Maximal runs of set bits, ascending: f(first, last) with offsets.
+    template <typename F>
+    void forEachRun(F&& f) const
+    {
+        bool inRun = false;
+        uint64_t runStart = 0;
+        forEachWord([&](uint64_t base, uint64_t w) {
+            if (inRun ? w == ~uint64_t{0} : w == 0)
+                return true;
+            int pos = 0;  // bit position from the top of the word
+            while (pos < 64)
+            {
+                if (!inRun)
+                {
+                    const uint64_t rest = w << pos;
+                    if (rest == 0)
+                        break;
+                    pos += __builtin_clzll(rest);
+                    runStart = base + static_cast<uint64_t>(pos);
+                    inRun = true;
+                }
+                else
+                {
+                    const uint64_t rest = ~w << pos;
+                    if (rest == 0)
+                        break;
+                    pos += __builtin_clzll(rest);
+                    f(runStart, base + static_cast<uint64_t>(pos) - 1);
+                    inRun = false;
+                }
+            }
+            return true;
+        });
+        if (inRun)
+            f(runStart, static_cast<uint64_t>(bits.size) * 8u - 1u);
+    }
+
+    void writeRanges(int32_t* out) const
+    {
+        forEachRun([&out](uint64_t a, uint64_t b) {
+            *out++ = static_cast<int32_t>(static_cast<uint32_t>(a));
+            *out++ = static_cast<int32_t>(static_cast<uint32_t>(b));
+        });
+    }
+
+    // Mix array: the count of set bits, then a run of one value as itself, a longer run as
+    // (first | bit 31), last. Writes nothing when no bit is set.
+    uint64_t mixElementCount() const
+    {
+        uint64_t n = 0;
+        forEachRun([&n](uint64_t a, uint64_t b) { n += a == b ? 1 : 2; });
+        return n == 0 ? 0 : n + 1;
+    }
+
+    void writeMix(int32_t* out) const
+    {
+        int32_t* count = out++;
+        uint64_t values = 0;
+        forEachRun([&](uint64_t a, uint64_t b) {
+            values += b - a + 1;
+            if (a == b)
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(a));
+            else
+            {
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(a) | 0x80000000u);
+                *out++ = static_cast<int32_t>(static_cast<uint32_t>(b));
+            }
+        });
+        if (values != 0)
+            *count = static_cast<int32_t>(static_cast<uint32_t>(values));
+    }
+
+private:
+    void buffer(int32_t lower, int32_t upper)
+    {
+        pending[pendingCount++] = pgRangeArray::Range<int>{lower, upper};
+        if (pendingCount == batchSize)
+            flush();
+    }
+
+    // Sets the held part of [lower, upper]; notes whether some of it lies outside.
+    void clippedRange(int32_t lower, int32_t upper, bool& outside)
+    {
+        if (lower > upper)
+            return;
+        const int32_t top = maxAccepted();
+        if (lower < 0 || upper > top)
+            outside = true;
+        const int32_t a = lower < 0 ? 0 : lower;
+        const int32_t b = upper > top ? top : upper;
+        if (a <= b)
+            bits.setRange(static_cast<uint32_t>(a), static_cast<uint32_t>(b));
+    }
+
+    // Calls f(first offset, word) for the bytes in use as 64-bit words, the first value in the most
+    // significant bit; the bytes past `size` in the last word read as 0.
+    template <typename F>
+    void forEachWord(F&& f) const
+    {
+        const uint8_t* data = bits.data;
+        const size_t size = bits.size;
+        size_t i = 0;
+        for (; i + 8 <= size; i += 8)
+        {
+            if ((i & 0xFFFFF) == 0 && i != 0)
+                Hooks::checkInterrupts();
+            f(static_cast<uint64_t>(i) * 8u, setAggDetail::loadBigEndian64(data + i));
+        }
+        if (i < size)
+        {
+            uint8_t tail[8] = {0, 0, 0, 0, 0, 0, 0, 0};
+            std::memcpy(tail, data + i, size - i);
+            f(static_cast<uint64_t>(i) * 8u, setAggDetail::loadBigEndian64(tail));
+        }
+    }
+};
+
+}  // namespace zm
