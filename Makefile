@@ -16,8 +16,14 @@ CXX_LANGUAGE_FLAGS = -std=c++17 -fno-exceptions -fno-rtti
 PG_CXXFLAGS = $(CXX_LANGUAGE_FLAGS) -Wall -Wextra -Wno-unused-parameter -Wno-missing-field-initializers
 SHLIB_LINK += -lstdc++
 
+# Track header dependencies, so that a changed header rebuilds the objects that include it.
+override autodepend = yes
+
 PGXS := $(shell $(PG_CONFIG) --pgxs)
 include $(PGXS)
+
+# The bitcode goes stale with its object.
+$(patsubst %.o,%.bc,$(OBJS)): %.bc: %.o
 
 # The JIT bitcode rule does not see PG_CXXFLAGS; it needs the language flags too.
 override BITCODE_CXXFLAGS += $(CXX_LANGUAGE_FLAGS)

@@ -426,7 +426,11 @@ extern "C" Datum zm_int4set_agg_transfn_A(PG_FUNCTION_ARGS) { return int4SetAggT
 
 extern "C" Datum zm_int4set_agg_transfn_B(PG_FUNCTION_ARGS) { return int4SetAggTransition(fcinfo, true); }
 
-// Builds the result in the caller's context, then consumes the state (its context is deleted).
+// Builds the result in the caller's context. The state is not destroyed here: a hashed aggregate
+// that is rescanned without new input finalises every group again, whatever FINALFUNC_MODIFY says,
+// and must find the state intact. Deleting it earlier would not lower the peak
+// either: a hashed aggregate holds every group's state until it finalises the first one, and a
+// sorted one resets the aggregate context between groups.
 extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
 {
     const char* const function = "zm_int4set_agg_finalfn";
@@ -467,9 +471,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_finalfn not implemented");
     }
 
-    MemoryContext own = static_cast<MemoryContext>(state->memoryContext);
-    state->release();
-    MemoryContextDelete(own);
+    // The state stays for the aggregate's memory context to reclaim: see the comment above.
     if (result == nullptr)
         ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_finalfn internal error");
     PG_RETURN_ARRAYTYPE_P(result);
@@ -501,6 +503,11 @@ extern "C" Datum zm_int4set_agg_serialfn(PG_FUNCTION_ARGS)
     if (state == nullptr)
         PG_RETURN_NULL();
     flushSetState(state, true);
+    // A state without ranges travels as NULL: its six-byte form would be refused by the deserial
+    // function, failing a parallel plan whose worker saw only NULL or empty sets for a group, and it
+    // adds nothing to the union.
+    if (state->ranges.size == 0)
+        PG_RETURN_NULL();
     bytea* result = zm::pg::allocateBytea(state->serialisedSize());
     state->toBytes(reinterpret_cast<uint8_t*>(VARDATA(result)));
     PG_RETURN_BYTEA_P(result);
@@ -683,7 +690,7 @@ extern "C" Datum zm_int4set_agg_optimized_transfn_B(PG_FUNCTION_ARGS)
     return zm_int4set_agg_optimized_transfn_impl(fcinfo, true);
 }
 
-// Builds the result in the caller's context, then consumes the state (its context is deleted).
+// Builds the result in the caller's context; the state is left intact, as for zm_int4set_agg.
 extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
 {
     const char* const function = "zm_int4set_agg_optimized_finalfn";
@@ -719,10 +726,7 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
     else
         state->writeMix(out);
 
-    MemoryContext own = static_cast<MemoryContext>(state->memoryContext);
-    if (state->inputType != zm::setAggType::Uninitialised)
-        state->release();
-    MemoryContextDelete(own);
+    // The state stays for the aggregate's memory context to reclaim, as for zm_int4set_agg.
     if (result == nullptr)
         ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn internal error");
     PG_RETURN_ARRAYTYPE_P(result);
