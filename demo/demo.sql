@@ -5,11 +5,18 @@
 \pset footer off
 CREATE EXTENSION IF NOT EXISTS kestrava_range_operators;
 
-CREATE TEMP TABLE busy(person text, minutes int4[]);
-INSERT INTO busy VALUES
-  ('ana',   '{540,599,720,779,900,929}'),      -- 09:00-09:59, 12:00-12:59, 15:00-15:29
-  ('bruno', '{560,619,780,839}'),              -- 09:20-10:19, 13:00-13:59
-  ('chen',  '{600,659,1000,1019}');            -- 10:00-10:59, 16:40-16:59
+-- Bookings as rows of first and last minute; overlapping and touching bookings are fine.
+CREATE TEMP TABLE bookings(person text, first_minute int4, last_minute int4);
+INSERT INTO bookings VALUES
+  ('ana', 540, 599), ('ana', 720, 779), ('ana', 900, 914), ('ana', 915, 929),
+  ('bruno', 560, 619), ('bruno', 780, 839), ('bruno', 800, 820),
+  ('chen', 600, 659), ('chen', 1000, 1019);
+
+\echo 'Each person''s busy minutes as one range array, folded from the bookings by an aggregate'
+CREATE TEMP TABLE busy AS
+SELECT person, zm_int4set_agg(first_minute, last_minute, 'r') AS minutes
+FROM bookings GROUP BY person;
+SELECT * FROM busy ORDER BY person;
 
 \echo 'Busy minutes of anyone: the union of the three range arrays'
 SELECT zm_int4range_union(zm_int4range_union(b1.minutes, b2.minutes), b3.minutes) AS anyone_busy
