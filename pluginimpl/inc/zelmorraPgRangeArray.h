@@ -300,7 +300,7 @@ struct CheckedList
         return CheckedList{first, first, first, last};
     }
 
-    // A list built by the walk itself, canonical by construction.
+    // A list made up by the walk itself, canonical by construction.
     static CheckedList trusted(const Range<int32_t>* first, const Range<int32_t>* last)
     {
         return CheckedList{first, first, last, last};
@@ -449,7 +449,7 @@ bool exclude(const Range<int32_t>* aBegin, const Range<int32_t>* aEnd, const Ran
     CheckedList<2> b = CheckedList<2>::unchecked(bBegin, bEnd);
     if (!b.checkedUpTo(bBegin))
         return false;
-    if (bBegin->lower != INT32_MIN)
+    if (bBegin->lower != INT32_MIN)  // below B's first range
     {
         const Range<int32_t> below{INT32_MIN, bBegin->lower - 1};
         CheckedList<2> gap = CheckedList<2>::trusted(&below, &below + 1);
@@ -463,14 +463,13 @@ bool exclude(const Range<int32_t>* aBegin, const Range<int32_t>* aEnd, const Ran
     // above A's last range. The walk has reached that one, and checked it.
     if (!a.more())
         return true;
+    // Above B's last range: the A ranges that start inside it keep their part above it, the
+    // rest of A lies wholly above it and is copied as a block, as the step-by-step rules do.
     const int32_t bLastUpper = (bEnd - 1)->upper;
-    if (bLastUpper != INT32_MAX)
-    {
-        const Range<int32_t> above{bLastUpper + 1, INT32_MAX};
-        CheckedList<2> gap = CheckedList<2>::trusted(&above, &above + 1);
-        if (!appendOverlaps<RangesOf>(a, gap, out))
-            return false;
-    }
+    for (; a.more() && a.at->lower <= bLastUpper; ++a.at)
+        if (a.at->upper > bLastUpper)
+            out.push_back(Range<int32_t>{bLastUpper + 1, a.at->upper});
+    out.append(a.at, a.end);
     return true;
 }
 
