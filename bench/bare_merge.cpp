@@ -122,6 +122,15 @@ int main(int argc, char** argv)
             zm::pgRangeArray::computeExclusion(aBegin, aEnd, bBegin, bEnd, out);
             sink = out.size;
         }, batchSeconds));
+        // The step-by-step rules that canonical inputs skip: what the branch-free walks save.
+        report("intersection_stepwise", bestMicroseconds([&] {
+            zm::pgRangeArray::computeIntersectionStepwise(aBegin, aEnd, bBegin, bEnd, out);
+            sink = out.size;
+        }, batchSeconds));
+        report("exclusion_stepwise", bestMicroseconds([&] {
+            zm::pgRangeArray::computeExclusionStepwise(aBegin, aEnd, bBegin, bEnd, out);
+            sink = out.size;
+        }, batchSeconds));
         report("overlap_full_scan", bestMicroseconds([&] {
             sink = zm::pgRangeArray::isOverlapping(aBegin, aEnd, cBegin, cEnd);
         }, batchSeconds));

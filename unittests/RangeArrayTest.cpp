@@ -14,7 +14,9 @@
 #include "zelmorraPgRangeArray.h"
 
 using zm::pgRangeArray::computeExclusion;
+using zm::pgRangeArray::computeExclusionStepwise;
 using zm::pgRangeArray::computeIntersection;
+using zm::pgRangeArray::computeIntersectionStepwise;
 using zm::pgRangeArray::computeUnion;
 using zm::pgRangeArray::isOverlapping;
 using zm::pgRangeArray::isStrictlyIncluded;
@@ -46,17 +48,23 @@ Ranges unionOf(const Ranges& a, const Ranges& b)
     return out.ranges();
 }
 
+// Intersection and exclusion take a branch-free walk for canonical inputs and the step-by-step
+// rules otherwise; every example here is checked against the step-by-step rules as well.
 Ranges intersectionOf(const Ranges& a, const Ranges& b)
 {
-    OwnedRanges out;
+    OwnedRanges out, stepwise;
     computeIntersection(first(a), last(a), first(b), last(b), out.v);
+    computeIntersectionStepwise(first(a), last(a), first(b), last(b), stepwise.v);
+    EXPECT_EQ(out.ranges(), stepwise.ranges());
     return out.ranges();
 }
 
 Ranges exclusionOf(const Ranges& a, const Ranges& b)
 {
-    OwnedRanges out;
+    OwnedRanges out, stepwise;
     computeExclusion(first(a), last(a), first(b), last(b), out.v);
+    computeExclusionStepwise(first(a), last(a), first(b), last(b), stepwise.v);
+    EXPECT_EQ(out.ranges(), stepwise.ranges());
     return out.ranges();
 }
 

@@ -77,11 +77,13 @@ bytea* allocateBytea(size_t size);
 
 // A one-dimensional array of n elements (lower bound 1, no null bitmap, zero-filled data). An
 // empty result keeps this one-dimensional form rather than the server's zero-dimensional one.
+// A caller that writes the data itself may skip the zero fill.
 template <typename T, Oid ElementType>
-ArrayType* allocateResultArray(size_t n)
+ArrayType* allocateResultArray(size_t n, bool zeroFill = true)
 {
     const size_t bytes = ARR_OVERHEAD_NONULLS(1) + n * sizeof(T);
-    void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, MCXT_ALLOC_NO_OOM | MCXT_ALLOC_ZERO) : nullptr;
+    const int flags = MCXT_ALLOC_NO_OOM | (zeroFill ? MCXT_ALLOC_ZERO : 0);
+    void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, flags) : nullptr;
     if (block == nullptr)
         raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", nullptr);
     ArrayType* array = static_cast<ArrayType*>(block);

@@ -33,16 +33,44 @@ Datum copyRangeArrayArgument(FunctionCallInfo fcinfo, int argument, int line, co
     PG_RETURN_ARRAYTYPE_P(zm::pg::valuesToArray(view.data, static_cast<size_t>(view.count)));
 }
 
-template <void (*Operation)(const Range<int>*, const Range<int>*, const Range<int>*, const Range<int>*, RangeVector&)>
+// Memory for an output vector whose first block is the data of the result array: that block goes
+// with the array and is never freed on its own; blocks the vector grows into come from palloc
+// and go with the memory context.
+struct ResultArrayAllocator
+{
+    static void* allocate(size_t bytes) { return zm::pg::PallocAllocator::allocate(bytes); }
+    static void deallocate(void*) {}
+    static void diagnostic(const char* line) { zm::pg::PallocAllocator::diagnostic(line); }
+    [[noreturn]] static void outOfMemory() { zm::pg::PallocAllocator::outOfMemory(); }
+};
+
+using ResultRangeVector = zm::tVectorBase<Range<int>, ResultArrayAllocator>;
+
+// The operation writes its ranges straight into the result array, not into a working vector that
+// is then copied: at these sizes the extra block, its first-touch page faults and the copy cost
+// about as much as the detoasting of the inputs. Every input range gives at most one output
+// range, so room for all of them is enough; the array is not zero-filled, since only the ranges
+// written are kept. Inputs too large for that bound get the usual max(A, B) ranges, and a vector
+// that outgrows the array is copied into a new one.
+template <void (*Operation)(const Range<int>*, const Range<int>*, const Range<int>*, const Range<int>*, ResultRangeVector&)>
 Datum computeSetOperation(FunctionCallInfo fcinfo, int line, const char* function)
 {
     const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, line, function);
     const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, line, function);
-    RangeVector out;
-    out.init(static_cast<size_t>(std::max({a.rangeCount(), b.rangeCount(), 1})));
+    const size_t na = static_cast<size_t>(a.rangeCount()), nb = static_cast<size_t>(b.rangeCount());
+    const size_t maxRanges = (MaxAllocSize - ARR_OVERHEAD_NONULLS(1)) / sizeof(Range<int>);
+    const size_t room = std::max<size_t>(na + nb <= maxRanges ? na + nb : std::max(na, nb), 1);
+
+    ArrayType* result = zm::pg::allocateResultArray<int32_t, INT4OID>(2 * room, false);
+    Range<int>* const arrayRanges = reinterpret_cast<Range<int>*>(zm::pg::int4Data(result));
+    ResultRangeVector out{room, 0, arrayRanges};
     Operation(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd(), out);
-    ArrayType* result = zm::pg::rangesToArray(out.data, out.size);
-    out.release();
+    if (out.data != arrayRanges)
+        PG_RETURN_ARRAYTYPE_P(zm::pg::rangesToArray(out.data, out.size));
+
+    const size_t count = 2 * out.size;
+    ARR_DIMS(result)[0] = static_cast<int>(count);
+    SET_VARSIZE(result, ARR_OVERHEAD_NONULLS(1) + count * sizeof(int32_t));
     PG_RETURN_ARRAYTYPE_P(result);
 }
 
@@ -57,14 +85,14 @@ extern "C" Datum zm_int4range_union(PG_FUNCTION_ARGS)
         return copyRangeArrayArgument(fcinfo, 1, 60, function);
     if (PG_ARGISNULL(1))
         return copyRangeArrayArgument(fcinfo, 0, 60, function);
-    return computeSetOperation<zm::pgRangeArray::computeUnion<int, zm::pg::PallocAllocator>>(fcinfo, 80, function);
+    return computeSetOperation<zm::pgRangeArray::computeUnion<int, ResultArrayAllocator>>(fcinfo, 80, function);
 }
 
 extern "C" Datum zm_int4range_intersection(PG_FUNCTION_ARGS)
 {
     if (PG_ARGISNULL(0) || PG_ARGISNULL(1))
         PG_RETURN_NULL();
-    return computeSetOperation<zm::pgRangeArray::computeIntersection<int, zm::pg::PallocAllocator>>(fcinfo, 132, "zm_int4range_intersection");
+    return computeSetOperation<zm::pgRangeArray::computeIntersection<int, ResultArrayAllocator>>(fcinfo, 132, "zm_int4range_intersection");
 }
 
 extern "C" Datum zm_int4range_exclusion(PG_FUNCTION_ARGS)
@@ -74,7 +102,7 @@ extern "C" Datum zm_int4range_exclusion(PG_FUNCTION_ARGS)
         PG_RETURN_NULL();
     if (PG_ARGISNULL(1))
         return copyRangeArrayArgument(fcinfo, 0, 181, function);
-    return computeSetOperation<zm::pgRangeArray::computeExclusion<int, zm::pg::PallocAllocator>>(fcinfo, 201, function);
+    return computeSetOperation<zm::pgRangeArray::computeExclusion<int, ResultArrayAllocator>>(fcinfo, 201, function);
 }
 
 extern "C" Datum zm_int4range_is_strictly_include(PG_FUNCTION_ARGS)
