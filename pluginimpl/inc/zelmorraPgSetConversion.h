@@ -316,7 +316,8 @@ Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>
 // Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Input
 // that is already in order (the usual case for scalar arrays) is copied as it is; short inputs use
 // std::sort, longer ones a least-significant-digit radix sort on the sign-flipped keys (11, 11 and
-// 10 bits), skipping a digit where every key falls into one bucket.
+// 10 bits), skipping a digit where every key falls into one bucket. Interrupts are checked every
+// 2^20 elements of each pass.
 template <typename Interrupts>
 void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
 {
@@ -344,6 +345,8 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
     uint32_t histogram[digits][buckets] = {};
     for (size_t i = 0; i < n; ++i)
     {
+        if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+            Interrupts::check();
         const uint32_t k = key(src[i]);
         ++histogram[0][digitOf(k, 0)];
         ++histogram[1][digitOf(k, 1)];
@@ -382,6 +385,8 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
         const unsigned shift = d * digitBits;
         for (size_t i = 0; i < n; ++i)
         {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Interrupts::check();
             const int32_t v = from[i];
             to[position[(key(v) >> shift) & (buckets - 1)]++] = v;
         }

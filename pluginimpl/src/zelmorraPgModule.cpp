@@ -86,7 +86,7 @@ MemoryContext createStateContext(MemoryContext aggregateContext, const char* nam
 
 ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count)
 {
-    ArrayType* result = allocateInt4Array(2 * count);
+    ArrayType* result = allocateInt4ArrayForOverwrite(2 * count);
     if (count)
         memcpy(int4Data(result), first, count * sizeof(pgRangeArray::Range<int>));
     return result;
@@ -94,7 +94,7 @@ ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count)
 
 ArrayType* valuesToArray(const int32_t* first, size_t count)
 {
-    ArrayType* result = allocateInt4Array(count);
+    ArrayType* result = allocateInt4ArrayForOverwrite(count);
     if (count)
         memcpy(int4Data(result), first, count * sizeof(int32_t));
     return result;

@@ -454,7 +454,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             const uint64_t count = state->scalarCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
                 ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
-            result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+            result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeScalar(zm::pg::int4Data(result));
             break;
         }
@@ -463,7 +463,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             const uint64_t count = state->mixElementCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
                 ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
-            result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+            result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeMix(zm::pg::int4Data(result));
             break;
         }
@@ -717,7 +717,8 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
     }
     if (count > static_cast<uint64_t>(INT32_MAX))
         ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
-    result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+    // Every element is written below: the count is exactly what the writers produce.
+    result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
     int32_t* out = zm::pg::int4Data(result);
     if (state->outputType == zm::setAggType::Scalar)
         state->writeScalar(out);

@@ -99,6 +99,10 @@ extern "C" Datum zm_int4rangepacked_contains_value(PG_FUNCTION_ARGS)
 // value in whole 64-bit words.
 #include "zelmorraPgBitFieldServer.h"
 
+extern "C" {
+#include "miscadmin.h"
+}
+
 namespace zm {
 namespace pg {
 
@@ -133,6 +137,12 @@ namespace {
 const char* const INVALID_BITFIELD_ARRAY = "invalid bitfield array";
 const char* const INVALID_RANGEARRAY_COUNT = "invalid int4 count to represent a rangearray";
 const char* const UNSUPPORTED_INPUT_TYPE = "unsupported input type";
+
+// Lets a cancel request through between the slices of a long scan (see zelmorraPgBitField.h).
+struct InterruptPoll
+{
+    void operator()() const { CHECK_FOR_INTERRUPTS(); }
+};
 
 const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
 {
@@ -184,13 +194,13 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
         switch (kind)
         {
         case ArrayDataTypeScalar:
-            return zm::bitFieldAllValues(info, e, n);
+            return zm::bitFieldAllValues(info, e, n, InterruptPoll());
         case ArrayDataTypeRange:
             if (n % 2 != 0)
                 ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-            return zm::bitFieldAllRanges(info, e, n / 2);
+            return zm::bitFieldAllRanges(info, e, n / 2, InterruptPoll());
         case ArrayDataTypeMix:
-            return zm::bitFieldAllMixItems(info, e + 1, n - 1);
+            return zm::bitFieldAllMixItems(info, e + 1, n - 1, InterruptPoll());
         default:
             ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 334, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
         }
@@ -198,13 +208,13 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
     switch (kind)
     {
     case ArrayDataTypeScalar:
-        return zm::bitFieldAnyValue(info, e, n);
+        return zm::bitFieldAnyValue(info, e, n, InterruptPoll());
     case ArrayDataTypeRange:
         if (n % 2 != 0)
             ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-        return zm::bitFieldAnyRange(info, e, n / 2);
+        return zm::bitFieldAnyRange(info, e, n / 2, InterruptPoll());
     case ArrayDataTypeMix:
-        return zm::bitFieldAnyMixItem(info, e + 1, n - 1);
+        return zm::bitFieldAnyMixItem(info, e + 1, n - 1, InterruptPoll());
     default:
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 400, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
     }
@@ -234,7 +244,7 @@ extern "C" Datum zm_int4rangepacked_in_rangebitfield(PG_FUNCTION_ARGS)
         PG_RETURN_BOOL(false);
     if (info.status != zm::BitFieldStatus::Ok)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 203, "zm_int4rangepacked_in_rangebitfield", "%s", INVALID_BITFIELD_ARRAY);
-    PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper));
+    PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper, InterruptPoll()));
 }
 
 extern "C" Datum zm_int4set_overlap_bitfield(PG_FUNCTION_ARGS)

@@ -126,8 +126,9 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
     const size_t count = static_cast<size_t>(input.count);
 
     ArrayType* result = nullptr;
+    // The expansions write every value they allocate.
     auto makeOutput = [&result](size_t n) {
-        result = allocateInt4Array(n);
+        result = allocateInt4ArrayForOverwrite(n);
         return int4Data(result);
     };
     if (from == zm::pgRangeArray::ArrayDataTypeScalar && to == zm::pgRangeArray::ArrayDataTypeRange)
@@ -184,7 +185,8 @@ extern "C" Datum zm_sort_int4(PG_FUNCTION_ARGS)
     ArrayType* array = setConversionGlue::checkedInt4Argument(fcinfo, 0, function);
     const Int4ArrayView input = viewInt4Array(array);
     const size_t n = static_cast<size_t>(input.count);
-    ArrayType* result = allocateInt4Array(n);
+    // sortInt4 writes every element on each of its paths.
+    ArrayType* result = allocateInt4ArrayForOverwrite(n);
     if (n)
     {
         int32_t* scratch = static_cast<int32_t*>(PallocAllocator::allocate(n * sizeof(int32_t)));
