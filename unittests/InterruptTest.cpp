@@ -393,3 +393,141 @@ TEST(InterruptChecks, SortChecksWithinEachRadixPass)
 }
 
 }  // namespace
+
+// ---- input-linear walks ----
+
+namespace {
+
+struct RangeChecks
+{
+    static inline int count = 0;
+    static void check() { ++count; }
+};
+
+// Walks that write through an allocator take its interrupt policy, as the server's does.
+struct CheckingAllocator : TestAllocator
+{
+    using Interrupts = RangeChecks;
+};
+using CheckedRanges = zm::tVectorBase<Range, CheckingAllocator>;
+using CheckedInts = zm::tVectorBase<int32_t, CheckingAllocator>;
+
+std::vector<Range> separateRanges(size_t n, int32_t offset)
+{
+    std::vector<Range> out(n);
+    for (size_t i = 0; i < n; ++i)
+        out[i] = Range{static_cast<int32_t>(4 * i) + offset, static_cast<int32_t>(4 * i) + offset};
+    return out;
+}
+
+TEST(InterruptChecks, RangeAlgorithmsCheckEveryMillionSteps)
+{
+    namespace ra = zm::pgRangeArray;
+    const size_t n = size_t{3} << 20;
+    const std::vector<Range> a = separateRanges(n, 0);
+    const std::vector<Range> b = separateRanges(n, 2);
+    const std::vector<Range> c = separateRanges(n, 0);
+    CheckedRanges checked;
+    checked.init(n);
+    OwnedRanges plain(n);
+    const auto same = [&checked, &plain] {
+        return std::equal(checked.begin(), checked.end(), plain.v.begin(), plain.v.end(),
+                          [](const Range& x, const Range& y) { return x.lower == y.lower && x.upper == y.upper; });
+    };
+
+    RangeChecks::count = 0;
+    ra::computeUnion(a.data(), a.data() + n, b.data(), b.data() + n, checked);
+    EXPECT_GE(RangeChecks::count, 5);
+    ra::computeUnion(a.data(), a.data() + n, b.data(), b.data() + n, plain.v);
+    EXPECT_TRUE(same());
+
+    RangeChecks::count = 0;
+    ra::computeIntersection(a.data(), a.data() + n, c.data(), c.data() + n, checked);
+    EXPECT_GE(RangeChecks::count, 2);
+    ra::computeIntersection(a.data(), a.data() + n, c.data(), c.data() + n, plain.v);
+    EXPECT_TRUE(same());
+
+    RangeChecks::count = 0;
+    ra::computeExclusion(a.data(), a.data() + n, b.data(), b.data() + n, checked);
+    EXPECT_GE(RangeChecks::count, 2);
+    ra::computeExclusion(a.data(), a.data() + n, b.data(), b.data() + n, plain.v);
+    EXPECT_TRUE(same());
+    checked.release();
+
+    RangeChecks::count = 0;
+    EXPECT_FALSE((ra::isOverlapping<int, RangeChecks>(a.data(), a.data() + n, b.data(), b.data() + n)));
+    EXPECT_GE(RangeChecks::count, 5);
+    RangeChecks::count = 0;
+    EXPECT_TRUE((ra::isStrictlyIncluded<int, RangeChecks>(a.data(), a.data() + n, c.data(), c.data() + n)));
+    EXPECT_GE(RangeChecks::count, 2);
+    RangeChecks::count = 0;
+    const Range probe{static_cast<int32_t>(4 * n - 4), static_cast<int32_t>(4 * n - 4)};
+    EXPECT_TRUE((ra::rangeOverlapsList<int, RangeChecks>(probe, a.data(), a.data() + n)));
+    EXPECT_GE(RangeChecks::count, 2);
+}
+
+TEST(InterruptChecks, InputLinearConversionsCheckEveryMillionElements)
+{
+    namespace sc = zm::setConversion;
+    const size_t n = size_t{3} << 20;
+    std::vector<int32_t> values(n);
+    for (size_t i = 0; i < n; ++i)
+        values[i] = static_cast<int32_t>(2 * i);
+
+    CheckedRanges ranges;
+    ranges.init(1);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::scalarToRanges(values.data(), n, ranges), sc::Status::Ok);
+    EXPECT_GE(RangeChecks::count, 2);
+    EXPECT_EQ(ranges.size, n);
+    ranges.release();
+
+    CheckedInts mix;
+    mix.init(1);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::scalarToMix(values.data(), n, mix), sc::Status::Ok);
+    EXPECT_GE(RangeChecks::count, 2);
+    EXPECT_EQ(mix.size, n + 1);
+
+    CheckedRanges back;
+    back.init(1);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::mixToRanges(mix.data, mix.size, back), sc::Status::Ok);
+    EXPECT_GE(RangeChecks::count, 2);
+    EXPECT_EQ(back.size, n);
+    back.release();
+
+    // Without an interrupt policy nothing is checked.
+    IntVec unchecked;
+    unchecked.init(1);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::scalarToMix(values.data(), n, unchecked), sc::Status::Ok);
+    EXPECT_EQ(RangeChecks::count, 0);
+    unchecked.release();
+
+    // The range array {0,0, 2,2, ...} as its pairs' elements.
+    std::vector<int32_t> pairs(2 * n);
+    for (size_t i = 0; i < n; ++i)
+        pairs[2 * i] = pairs[2 * i + 1] = static_cast<int32_t>(2 * i);
+    CheckedInts mixed;
+    mixed.init(1);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::rangesToMix(pairs.data(), pairs.size(), mixed), sc::Status::Ok);
+    EXPECT_GE(RangeChecks::count, 2);
+    EXPECT_EQ(std::vector<int32_t>(mixed.begin(), mixed.end()), std::vector<int32_t>(mix.begin(), mix.end()));
+
+    // Counting pass of the expansions: many one-value ranges.
+    std::vector<int32_t> out(n);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::rangesToScalars<RangeChecks>(pairs.data(), pairs.size(), [&out](size_t) { return out.data(); }), sc::Status::Ok);
+    EXPECT_GE(RangeChecks::count, 2 + 2);
+    EXPECT_EQ(out, values);
+    RangeChecks::count = 0;
+    EXPECT_EQ(sc::mixToScalars<RangeChecks>(mix.data, mix.size, n, [&out](size_t) { return out.data(); }), sc::Status::Ok);
+    EXPECT_GE(RangeChecks::count, 2 + 2);
+    EXPECT_EQ(out, values);
+    mix.release();
+    mixed.release();
+}
+
+}  // namespace

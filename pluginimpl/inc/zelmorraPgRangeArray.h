@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <type_traits>
 
 #include "zelmorraPgVector.h"
 
@@ -24,6 +25,46 @@ struct Range
 };
 
 static_assert(sizeof(Range<int>) == 8, "a range is read in place from two int4 elements");
+
+// Interrupt policy of the walks below (`static void check()`): the server passes one that lets a
+// cancel request through. Walks that write through an allocator default to the allocator's
+// `Interrupts` member type, so work done in server memory is interruptible without further ado;
+// otherwise (and for allocators without one: unit tests, fuzz targets) nothing interrupts.
+struct NoInterruptCheck
+{
+    static void check() {}
+};
+
+template <typename A, typename = void>
+struct InterruptPolicyOf
+{
+    using type = NoInterruptCheck;
+};
+
+template <typename A>
+struct InterruptPolicyOf<A, std::void_t<typename A::Interrupts>>
+{
+    using type = typename A::Interrupts;
+};
+
+// Steps between two checks: a walk over a gigabyte of ranges can take seconds.
+constexpr uint32_t interruptCheckInterval = uint32_t{1} << 20;
+
+// Counts the steps of a walk and checks every interruptCheckInterval of them; with
+// NoInterruptCheck it compiles to nothing.
+template <typename Interrupts>
+struct InterruptCountdown
+{
+    uint32_t left = interruptCheckInterval;
+    void step()
+    {
+        if (--left == 0)
+        {
+            left = interruptCheckInterval;
+            Interrupts::check();
+        }
+    }
+};
 
 // a - b in 32-bit two's complement, read as signed: the order of bounds more than 2^31 apart is
 // decided this way on purpose.
@@ -124,10 +165,11 @@ void rangeArrayInsert(tVectorBase<Range<T>, A>& out, const Range<T>& r)
     }
 }
 
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeUnion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin, const Range<T>* bEnd,
                   tVectorBase<Range<T>, A>& out)
 {
+    InterruptCountdown<Interrupts> countdown;
     out.clear();
     if (aBegin == aEnd || bBegin == bEnd)
     {
@@ -140,6 +182,7 @@ void computeUnion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* 
     }
     while (aBegin != aEnd && bBegin != bEnd)
     {
+        countdown.step();
         const bool takeB = wrappedDifference(bBegin->lower, aBegin->lower) < 0;
         appendOrMerge(out, takeB ? *bBegin++ : *aBegin++);
     }
@@ -149,19 +192,22 @@ void computeUnion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* 
         pushOrMerge(out, bBegin, bEnd);
 }
 
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeIntersection(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin,
                          const Range<T>* bEnd, tVectorBase<Range<T>, A>& out)
 {
+    InterruptCountdown<Interrupts> countdown;
     out.clear();
     const Range<T>* a = aBegin;
     const Range<T>* b = bBegin;
     while (a != aEnd && b != bEnd)
     {
+        countdown.step();
         if (a->lower < b->lower)
         {
             while (a->upper >= b->upper)
             {
+                countdown.step();
                 out.push_back(*b);
                 if (++b == bEnd)
                     return;
@@ -174,6 +220,7 @@ void computeIntersection(const Range<T>* aBegin, const Range<T>* aEnd, const Ran
         {
             while (b->upper >= a->upper)
             {
+                countdown.step();
                 out.push_back(*a);
                 if (++a == aEnd)
                     return;
@@ -187,10 +234,11 @@ void computeIntersection(const Range<T>* aBegin, const Range<T>* aEnd, const Ran
 
 // A - B. Pieces of an A range that several B ranges cut are emitted when the next cutting B range
 // is reached; the A ranges left after B runs out are appended with pushOrMerge.
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin,
                       const Range<T>* bEnd, tVectorBase<Range<T>, A>& out)
 {
+    InterruptCountdown<Interrupts> countdown;
     out.clear();
     if (aBegin == aEnd)
         return;
@@ -203,6 +251,7 @@ void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<
     const Range<T>* b = bBegin;
     while (a != aEnd && b != bEnd)
     {
+        countdown.step();
         if (a->upper < b->lower)
         {
             out.push_back(*a++);
@@ -210,6 +259,7 @@ void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<
         }
         for (;;)  // the B ranges that can cut a, starting with b
         {
+            countdown.step();
             const Range<T>* next = b + 1;
             const bool hasNext = next != bEnd;
             if (b->upper < a->lower)
@@ -261,17 +311,22 @@ void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<
 }
 
 // True when every range of A lies inside a single range of B; B ranges are not joined.
-template <typename T>
+template <typename T, typename Interrupts = NoInterruptCheck>
 bool isStrictlyIncluded(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin, const Range<T>* bEnd)
 {
     if (aBegin == aEnd || bBegin == bEnd)
         return false;
+    InterruptCountdown<Interrupts> countdown;
     const Range<T>* b = bBegin;
     for (const Range<T>* a = aBegin; a != aEnd; ++a)
     {
+        countdown.step();
         while (b->upper < a->lower)
+        {
+            countdown.step();
             if (++b == bEnd)
                 return false;
+        }
         if (b->lower > a->lower || b->upper < a->upper)
             return false;
     }
@@ -279,13 +334,15 @@ bool isStrictlyIncluded(const Range<T>* aBegin, const Range<T>* aEnd, const Rang
 }
 
 // True when some value lies in a range of A and in a range of B; touching is not overlapping.
-template <typename T>
+template <typename T, typename Interrupts = NoInterruptCheck>
 bool isOverlapping(const Range<T>* a, const Range<T>* aEnd, const Range<T>* b, const Range<T>* bEnd)
 {
     if (a == aEnd || b == bEnd)
         return false;
+    InterruptCountdown<Interrupts> countdown;
     for (;;)
     {
+        countdown.step();
         if (a->lower < b->lower)
         {
             if (b->lower <= a->upper)
@@ -304,13 +361,15 @@ bool isOverlapping(const Range<T>* a, const Range<T>* aEnd, const Range<T>* b, c
 }
 
 // One range r against a sorted range list: bounds check first, then a forward scan.
-template <typename T>
+template <typename T, typename Interrupts = NoInterruptCheck>
 bool rangeOverlapsList(const Range<T>& r, const Range<T>* first, const Range<T>* last)
 {
     if (first == last || (last - 1)->upper < r.lower || r.upper < first->lower)
         return false;
+    InterruptCountdown<Interrupts> countdown;
     for (; first != last; ++first)
     {
+        countdown.step();
         if (r.upper < first->lower)
             return false;
         if (r.lower <= first->upper)

@@ -43,10 +43,13 @@ extern "C" Datum zm_int4range_overlap_rangearray(PG_FUNCTION_ARGS)
     if (a.count % 2 != 0 || b.count % 2 != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 123, "zm_int4range_overlap_rangearray", "%s", INVALID_RANGE_ARRAY);
     if (a.rangeCount() == 1)
-        PG_RETURN_BOOL(zm::pgRangeArray::rangeOverlapsList(*a.rangesBegin(), b.rangesBegin(), b.rangesEnd()));
+        PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(*a.rangesBegin(), b.rangesBegin(),
+                                                                                             b.rangesEnd())));
     if (b.rangeCount() == 1)
-        PG_RETURN_BOOL(zm::pgRangeArray::rangeOverlapsList(*b.rangesBegin(), a.rangesBegin(), a.rangesEnd()));
-    PG_RETURN_BOOL(zm::pgRangeArray::isOverlapping(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd()));
+        PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(*b.rangesBegin(), a.rangesBegin(),
+                                                                                             a.rangesEnd())));
+    PG_RETURN_BOOL((zm::pgRangeArray::isOverlapping<int, zm::pg::ServerInterruptCheck>(a.rangesBegin(), a.rangesEnd(),
+                                                                                     b.rangesBegin(), b.rangesEnd())));
 }
 
 // Despite its name an overlap test: the packed range shares a value with some range of the array.
@@ -58,7 +61,7 @@ extern "C" Datum zm_int4rangepacked_in_rangearray(PG_FUNCTION_ARGS)
         PG_RETURN_BOOL(false);
     if (ranges.count % 2 != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 164, "zm_int4rangepacked_in_rangearray", "%s", INVALID_RANGE_ARRAY);
-    PG_RETURN_BOOL(zm::pgRangeArray::rangeOverlapsList(packed, ranges.rangesBegin(), ranges.rangesEnd()));
+    PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(packed, ranges.rangesBegin(), ranges.rangesEnd())));
 }
 
 extern "C" Datum zm_int4rangepacked_in_int4rangepacked(PG_FUNCTION_ARGS)
