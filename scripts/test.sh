@@ -26,6 +26,18 @@ fi
 sql_passed=$(grep -cE '^(ok|test) .* ok|^ok ' build/regress.log || true)
 sql_failed=$(grep -cE 'FAILED|failed \(ignored\)|diff command failed' build/regress.log || true)
 [ $status -eq 0 ] || [ "$sql_failed" -gt 0 ] || sql_failed=1
-echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed"
-echo "$((unit_summary + sql_passed)) passed, ${sql_failed} failed"
+
+# A short run of the load test (scripts/load.sh) on the same server.
+log "load smoke test (8 clients, 5 s)"
+load_failed=0
+KESTRAVA_LOAD_REUSE_SERVER=1 LOAD_ROWS=20000 bash scripts/load.sh 5 > build/load-smoke.log 2>&1 || load_failed=1
+if [ $load_failed -ne 0 ]; then
+    tail -n 40 build/load-smoke.log
+    status=1
+else
+    tail -n 1 build/load-smoke.log
+fi
+
+echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed; load smoke: $((1 - load_failed)) passed, ${load_failed} failed"
+echo "$((unit_summary + sql_passed + 1 - load_failed)) passed, $((sql_failed + load_failed)) failed"
 exit $status

@@ -167,6 +167,66 @@ inline bool allBitsSet(const uint8_t* data, uint32_t lo, uint32_t hi)
     return detail::allBytesFull(data + bl + 1, data + bh);
 }
 
+// ---- interruptible scans --------------------------------------------------------------------------
+//
+// A server must be able to cancel a long test: one over many wide ranges can scan a huge bitfield
+// once per range. The poll-taking overloads below call `poll()` (any callable) after every 1 MB of
+// bitfield scanned and every 65536 set members; the overloads without it never poll.
+
+struct BitFieldNoPoll
+{
+    void operator()() const {}
+};
+
+// Offsets per scan slice: 1 MB of bitfield.
+inline constexpr uint32_t bitFieldScanSliceBits = uint32_t{1} << 23;
+inline constexpr uint32_t bitFieldMembersPerPoll = 65536;
+
+template <typename Poll>
+bool anyBitSet(const uint8_t* data, uint32_t lo, uint32_t hi, Poll& poll)
+{
+    while (hi - lo >= bitFieldScanSliceBits)
+    {
+        if (anyBitSet(data, lo, lo + bitFieldScanSliceBits - 1))
+            return true;
+        lo += bitFieldScanSliceBits;
+        poll();
+    }
+    return anyBitSet(data, lo, hi);
+}
+
+template <typename Poll>
+bool allBitsSet(const uint8_t* data, uint32_t lo, uint32_t hi, Poll& poll)
+{
+    while (hi - lo >= bitFieldScanSliceBits)
+    {
+        if (!allBitsSet(data, lo, lo + bitFieldScanSliceBits - 1))
+            return false;
+        lo += bitFieldScanSliceBits;
+        poll();
+    }
+    return allBitsSet(data, lo, hi);
+}
+
+namespace detail {
+// Counts set members and polls every bitFieldMembersPerPoll of them.
+template <typename Poll>
+struct MemberPoll
+{
+    Poll& poll;
+    uint32_t members;
+
+    void tick()
+    {
+        if (++members == bitFieldMembersPerPoll)
+        {
+            members = 0;
+            poll();
+        }
+    }
+};
+}  // namespace detail
+
 // ---- in-memory BitField ---------------------------------------------------------------------------
 
 enum class BitFieldError
@@ -353,13 +413,14 @@ inline bool bitFieldHasValue(const BitFieldInfo& info, int32_t v)
 }
 
 // Some value of [lower, upper] lies in the span with its bit set. Ok status assumed.
-inline bool bitFieldOverlapsRange(const BitFieldInfo& info, int32_t lower, int32_t upper)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldOverlapsRange(const BitFieldInfo& info, int32_t lower, int32_t upper, Poll&& poll = Poll())
 {
     if (info.first > upper || info.last < lower || lower > upper)
         return false;
     const int32_t lo = lower > info.first ? lower : info.first;
     const int32_t hi = upper < info.last ? upper : info.last;
-    return anyBitSet(info.begin, bitFieldOffset(info.first, lo), bitFieldOffset(info.first, hi));
+    return anyBitSet(info.begin, bitFieldOffset(info.first, lo), bitFieldOffset(info.first, hi), poll);
 }
 
 // ---- int4 sets against a persisted bitfield ------------------------------------------------------
@@ -410,59 +471,86 @@ inline bool forEachMixItem(const int32_t* items, uint32_t n, F f)
 
 // Every value of [lower, upper] lies in the span with its bit set (the rejects lower > last and
 // upper < first come first).
-inline bool bitFieldIncludesRange(const BitFieldInfo& info, int32_t lower, int32_t upper)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldIncludesRange(const BitFieldInfo& info, int32_t lower, int32_t upper, Poll&& poll = Poll())
 {
     if (lower > info.last || upper < info.first)
         return false;
     uint32_t lo, hi;
     if (!detail::clampToSpan(info, lower, upper, lo, hi))
         return true;
-    return allBitsSet(info.begin, lo, hi);
+    return allBitsSet(info.begin, lo, hi, poll);
 }
 
-inline bool bitFieldAnyValue(const BitFieldInfo& info, const int32_t* values, uint32_t n)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldAnyValue(const BitFieldInfo& info, const int32_t* values, uint32_t n, Poll&& poll = Poll())
 {
+    detail::MemberPoll<Poll> members{poll, 0};
     for (uint32_t i = 0; i < n; ++i)
+    {
         if (bitFieldHasValue(info, values[i]))
             return true;
+        members.tick();
+    }
     return false;
 }
 
-inline bool bitFieldAllValues(const BitFieldInfo& info, const int32_t* values, uint32_t n)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldAllValues(const BitFieldInfo& info, const int32_t* values, uint32_t n, Poll&& poll = Poll())
 {
+    detail::MemberPoll<Poll> members{poll, 0};
     for (uint32_t i = 0; i < n; ++i)
+    {
         if (!bitFieldHasValue(info, values[i]))
             return false;
+        members.tick();
+    }
     return true;
 }
 
-inline bool bitFieldAnyRange(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldAnyRange(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount, Poll&& poll = Poll())
 {
+    detail::MemberPoll<Poll> members{poll, 0};
     for (uint32_t i = 0; i < pairCount; ++i)
-        if (bitFieldOverlapsRange(info, pairs[2 * i], pairs[2 * i + 1]))
+    {
+        if (bitFieldOverlapsRange(info, pairs[2 * i], pairs[2 * i + 1], poll))
             return true;
+        members.tick();
+    }
     return false;
 }
 
-inline bool bitFieldAllRanges(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldAllRanges(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount, Poll&& poll = Poll())
 {
+    detail::MemberPoll<Poll> members{poll, 0};
     for (uint32_t i = 0; i < pairCount; ++i)
-        if (!bitFieldIncludesRange(info, pairs[2 * i], pairs[2 * i + 1]))
+    {
+        if (!bitFieldIncludesRange(info, pairs[2 * i], pairs[2 * i + 1], poll))
             return false;
+        members.tick();
+    }
     return true;
 }
 
-inline bool bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n, Poll&& poll = Poll())
 {
-    return !detail::forEachMixItem(items, n, [&info](int32_t lower, int32_t upper) {
-        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange(info, lower, upper));
+    detail::MemberPoll<Poll> members{poll, 0};
+    return !detail::forEachMixItem(items, n, [&info, &poll, &members](int32_t lower, int32_t upper) {
+        members.tick();
+        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange(info, lower, upper, poll));
     });
 }
 
-inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n)
+template <typename Poll = BitFieldNoPoll>
+inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n, Poll&& poll = Poll())
 {
-    return detail::forEachMixItem(items, n, [&info](int32_t lower, int32_t upper) {
-        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange(info, lower, upper);
+    detail::MemberPoll<Poll> members{poll, 0};
+    return detail::forEachMixItem(items, n, [&info, &poll, &members](int32_t lower, int32_t upper) {
+        members.tick();
+        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange(info, lower, upper, poll);
     });
 }
 

@@ -27,6 +27,46 @@ struct Range
 
 static_assert(sizeof(Range<int>) == 8, "a range is read in place from two int4 elements");
 
+// Interrupt policy of the walks below (`static void check()`): the server passes one that lets a
+// cancel request through. Walks that write through an allocator default to the allocator's
+// `Interrupts` member type, so work done in server memory is interruptible without further ado;
+// otherwise (and for allocators without one: unit tests, fuzz targets) nothing interrupts.
+struct NoInterruptCheck
+{
+    static void check() {}
+};
+
+template <typename A, typename = void>
+struct InterruptPolicyOf
+{
+    using type = NoInterruptCheck;
+};
+
+template <typename A>
+struct InterruptPolicyOf<A, std::void_t<typename A::Interrupts>>
+{
+    using type = typename A::Interrupts;
+};
+
+// Steps between two checks: a walk over a gigabyte of ranges can take seconds.
+constexpr uint32_t interruptCheckInterval = uint32_t{1} << 20;
+
+// Counts the steps of a walk and checks every interruptCheckInterval of them; with
+// NoInterruptCheck it compiles to nothing.
+template <typename Interrupts>
+struct InterruptCountdown
+{
+    uint32_t left = interruptCheckInterval;
+    void step()
+    {
+        if (--left == 0)
+        {
+            left = interruptCheckInterval;
+            Interrupts::check();
+        }
+    }
+};
+
 // a - b in 32-bit two's complement, read as signed: the order of bounds more than 2^31 apart is
 // decided this way on purpose.
 inline int32_t wrappedDifference(int32_t a, int32_t b)
@@ -126,10 +166,11 @@ void rangeArrayInsert(tVectorBase<Range<T>, A>& out, const Range<T>& r)
     }
 }
 
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeUnion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin, const Range<T>* bEnd,
                   tVectorBase<Range<T>, A>& out)
 {
+    InterruptCountdown<Interrupts> countdown;
     out.clear();
     if (aBegin == aEnd || bBegin == bEnd)
     {
@@ -142,6 +183,7 @@ void computeUnion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* 
     }
     while (aBegin != aEnd && bBegin != bEnd)
     {
+        countdown.step();
         const bool takeB = wrappedDifference(bBegin->lower, aBegin->lower) < 0;
         appendOrMerge(out, takeB ? *bBegin++ : *aBegin++);
     }
@@ -152,19 +194,22 @@ void computeUnion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* 
 }
 
 // The intersection by the step-by-step rules, exact for every input.
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeIntersectionStepwise(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin,
                                  const Range<T>* bEnd, tVectorBase<Range<T>, A>& out)
 {
+    InterruptCountdown<Interrupts> countdown;
     out.clear();
     const Range<T>* a = aBegin;
     const Range<T>* b = bBegin;
     while (a != aEnd && b != bEnd)
     {
+        countdown.step();
         if (a->lower < b->lower)
         {
             while (a->upper >= b->upper)
             {
+                countdown.step();
                 out.push_back(*b);
                 if (++b == bEnd)
                     return;
@@ -177,6 +222,7 @@ void computeIntersectionStepwise(const Range<T>* aBegin, const Range<T>* aEnd, c
         {
             while (b->upper >= a->upper)
             {
+                countdown.step();
                 out.push_back(*a);
                 if (++a == aEnd)
                     return;
@@ -191,10 +237,11 @@ void computeIntersectionStepwise(const Range<T>* aBegin, const Range<T>* aEnd, c
 // A - B by the step-by-step rules, exact for every input. Pieces of an A range that several B
 // ranges cut are emitted when the next cutting B range is reached; the A ranges left after B runs
 // out are appended with pushOrMerge.
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeExclusionStepwise(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin,
                               const Range<T>* bEnd, tVectorBase<Range<T>, A>& out)
 {
+    InterruptCountdown<Interrupts> countdown;
     out.clear();
     if (aBegin == aEnd)
         return;
@@ -207,6 +254,7 @@ void computeExclusionStepwise(const Range<T>* aBegin, const Range<T>* aEnd, cons
     const Range<T>* b = bBegin;
     while (a != aEnd && b != bEnd)
     {
+        countdown.step();
         if (a->upper < b->lower)
         {
             out.push_back(*a++);
@@ -214,6 +262,7 @@ void computeExclusionStepwise(const Range<T>* aBegin, const Range<T>* aEnd, cons
         }
         for (;;)  // the B ranges that can cut a, starting with b
         {
+            countdown.step();
             const Range<T>* next = b + 1;
             const bool hasNext = next != bEnd;
             if (b->upper < a->lower)
@@ -476,7 +525,7 @@ bool exclude(const Range<int32_t>* aBegin, const Range<int32_t>* aEnd, const Ran
 }  // namespace canonicalWalk
 
 // A ∩ B, merging nothing: each piece is the overlap of one A range and one B range.
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeIntersection(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin,
                          const Range<T>* bEnd, tVectorBase<Range<T>, A>& out)
 {
@@ -486,11 +535,11 @@ void computeIntersection(const Range<T>* aBegin, const Range<T>* aEnd, const Ran
         if (canonicalWalk::intersect(aBegin, aEnd, bBegin, bEnd, out))
             return;
     }
-    computeIntersectionStepwise(aBegin, aEnd, bBegin, bEnd, out);
+    computeIntersectionStepwise<T, A, Interrupts>(aBegin, aEnd, bBegin, bEnd, out);
 }
 
 // A − B: the parts of A's ranges outside every B range.
-template <typename T, typename A>
+template <typename T, typename A, typename Interrupts = typename InterruptPolicyOf<A>::type>
 void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin,
                       const Range<T>* bEnd, tVectorBase<Range<T>, A>& out)
 {
@@ -500,21 +549,26 @@ void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<
         if (canonicalWalk::exclude(aBegin, aEnd, bBegin, bEnd, out))
             return;
     }
-    computeExclusionStepwise(aBegin, aEnd, bBegin, bEnd, out);
+    computeExclusionStepwise<T, A, Interrupts>(aBegin, aEnd, bBegin, bEnd, out);
 }
 
 // True when every range of A lies inside a single range of B; B ranges are not joined.
-template <typename T>
+template <typename T, typename Interrupts = NoInterruptCheck>
 bool isStrictlyIncluded(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin, const Range<T>* bEnd)
 {
     if (aBegin == aEnd || bBegin == bEnd)
         return false;
+    InterruptCountdown<Interrupts> countdown;
     const Range<T>* b = bBegin;
     for (const Range<T>* a = aBegin; a != aEnd; ++a)
     {
+        countdown.step();
         while (b->upper < a->lower)
+        {
+            countdown.step();
             if (++b == bEnd)
                 return false;
+        }
         if (b->lower > a->lower || b->upper < a->upper)
             return false;
     }
@@ -522,13 +576,15 @@ bool isStrictlyIncluded(const Range<T>* aBegin, const Range<T>* aEnd, const Rang
 }
 
 // True when some value lies in a range of A and in a range of B; touching is not overlapping.
-template <typename T>
+template <typename T, typename Interrupts = NoInterruptCheck>
 bool isOverlapping(const Range<T>* a, const Range<T>* aEnd, const Range<T>* b, const Range<T>* bEnd)
 {
     if (a == aEnd || b == bEnd)
         return false;
+    InterruptCountdown<Interrupts> countdown;
     for (;;)
     {
+        countdown.step();
         if (a->lower < b->lower)
         {
             if (b->lower <= a->upper)
@@ -547,13 +603,15 @@ bool isOverlapping(const Range<T>* a, const Range<T>* aEnd, const Range<T>* b, c
 }
 
 // One range r against a sorted range list: bounds check first, then a forward scan.
-template <typename T>
+template <typename T, typename Interrupts = NoInterruptCheck>
 bool rangeOverlapsList(const Range<T>& r, const Range<T>* first, const Range<T>* last)
 {
     if (first == last || (last - 1)->upper < r.lower || r.upper < first->lower)
         return false;
+    InterruptCountdown<Interrupts> countdown;
     for (; first != last; ++first)
     {
+        countdown.step();
         if (r.upper < first->lower)
             return false;
         if (r.lower <= first->upper)

@@ -66,13 +66,41 @@ namespace setAggDetail {
 
 using IntRange = pgRangeArray::Range<int>;
 
+// Hooks that never interrupt, for the helpers' callers outside a state.
+struct NoInterruptChecks
+{
+    static void checkInterrupts() {}
+};
+
+// Elements handled between two interrupt checks in the long loops below.
+constexpr size_t interruptInterval = size_t{1} << 20;
+
+// memcpy of n bytes, a megabyte at a time with an interrupt check in between.
+template <typename Hooks>
+void copyInterruptibly(void* to, const void* from, size_t n)
+{
+    uint8_t* t = static_cast<uint8_t*>(to);
+    const uint8_t* f = static_cast<const uint8_t*>(from);
+    while (n > interruptInterval)
+    {
+        std::memcpy(t, f, interruptInterval);
+        t += interruptInterval;
+        f += interruptInterval;
+        n -= interruptInterval;
+        Hooks::checkInterrupts();
+    }
+    if (n)
+        std::memcpy(t, f, n);
+}
+
 // Sort key of a lower bound: signed order as unsigned order.
 inline uint32_t lowerKey(const IntRange& r) { return static_cast<uint32_t>(r.lower) ^ 0x80000000u; }
 
 // Sorts n ranges by lower bound (LSD radix sort, digits of 11, 11 and 10 bits; a digit that is
 // the same for every range costs no pass). `temp` holds n ranges. Returns where the sorted ranges
-// are: data or temp.
-inline IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
+// are: data or temp. Interrupts are checked every 2^20 ranges of each pass.
+template <typename Hooks = NoInterruptChecks>
+IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
 {
     if (n < 48)
     {
@@ -92,6 +120,8 @@ inline IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
     std::memset(histogram, 0, sizeof histogram);
     for (size_t i = 0; i < n; ++i)
     {
+        if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+            Hooks::checkInterrupts();
         const uint32_t k = lowerKey(data[i]);
         ++histogram[0][k & 2047];
         ++histogram[1][(k >> 11) & 2047];
@@ -115,6 +145,8 @@ inline IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
         }
         for (size_t i = 0; i < n; ++i)
         {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Hooks::checkInterrupts();
             const IntRange r = src[i];
             dst[h[(lowerKey(r) >> shift) & mask]++] = r;
         }
@@ -148,8 +180,8 @@ inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
 // computeUnion of zelmorraPgRangeArray.h, step for step (wrapped order of lower bounds, touch rule,
 // pushOrMerge of the rest), for an output that already holds room for every input range: the
 // choice between the two inputs is made without a branch, which on interleaved input halves the
-// time of the walk.
-template <typename A>
+// time of the walk. Interrupts are checked every 2^20 steps.
+template <typename Hooks = NoInterruptChecks, typename A>
 void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, const IntRange* bEnd,
                    tVectorBase<IntRange, A>& out)
 {
@@ -164,8 +196,14 @@ void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, c
     }
     IntRange* o = out.data;
     size_t w = 0;
+    size_t steps = 0;
     while (a != aEnd && b != bEnd)
     {
+        if (++steps == interruptInterval)
+        {
+            steps = 0;
+            Hooks::checkInterrupts();
+        }
         const bool takeB = pgRangeArray::wrappedDifference(b->lower, a->lower) < 0;
         const IntRange r = takeB ? *b : *a;
         b += takeB;
@@ -230,6 +268,9 @@ struct Int4ToSetOpDataSetBase
     size_t minBatch;
     // The list left its canonical form (or its provenance is unknown): literal rangeArrayInsert.
     bool insertEachRow;
+    // Ranges that literal inserts may have moved since the last interrupt check: each insert can
+    // shift the whole list, so a set row of many values checks by this rather than by its count.
+    size_t literalInsertWork;
 
     // A fresh state with room for 1024 ranges. `rowsFollow` is false for states made by combine and
     // deserial, whose ranges are trusted as stored and which never receive rows.
@@ -244,6 +285,7 @@ struct Int4ToSetOpDataSetBase
         pending.data = nullptr;
         minBatch = defaultMinBatch;
         insertEachRow = !rowsFollow;
+        literalInsertWork = 0;
     }
 
     void release()
@@ -276,6 +318,12 @@ struct Int4ToSetOpDataSetBase
             flush();
             insertEachRow = true;
             pending.release();
+        }
+        literalInsertWork += ranges.size;
+        if (literalInsertWork >= setAggDetail::interruptInterval)
+        {
+            literalInsertWork = 0;
+            Hooks::checkInterrupts();
         }
         pgRangeArray::rangeArrayInsert(ranges, IntRange{lower, upper});
     }
@@ -340,7 +388,7 @@ struct Int4ToSetOpDataSetBase
         // grows by half the need rather than doubling: the list is the bulk of the state.
         if (ranges.capacity < s + p)
             regrow(ranges, s + p + (s + p) / 2);
-        IntRange* sorted = sortByLower(pending.data, ranges.data + s, p);
+        IntRange* sorted = sortByLower<Hooks>(pending.data, ranges.data + s, p);
         const size_t b = coalesceSorted(sorted, p, pending.data);
         pending.size = 0;
 
@@ -419,7 +467,8 @@ struct Int4ToSetOpDataSetBase
                 ranges.release();
                 ranges.init(need);
             }
-            setAggDetail::unionWithRoom(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(), ranges);
+            setAggDetail::unionWithRoom<Hooks>(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(),
+                                               ranges);
             return SetAggStatus::Ok;
         }
         SetAggStatus status = SetAggStatus::Ok;
@@ -441,8 +490,7 @@ struct Int4ToSetOpDataSetBase
     {
         out[0] = static_cast<uint8_t>(inputType);
         out[1] = static_cast<uint8_t>(outputType);
-        if (ranges.size)
-            std::memcpy(out + headerBytes, ranges.data, ranges.size * sizeof(IntRange));
+        setAggDetail::copyInterruptibly<Hooks>(out + headerBytes, ranges.data, ranges.size * sizeof(IntRange));
     }
 
     // Rebuilds a fresh state from `length` serialised bytes. The ranges are trusted as stored.
@@ -463,7 +511,7 @@ struct Int4ToSetOpDataSetBase
             ranges.release();
             ranges.init(n);
         }
-        std::memcpy(ranges.data, in + headerBytes, d);
+        setAggDetail::copyInterruptibly<Hooks>(ranges.data, in + headerBytes, d);
         ranges.size = n;
         return SetAggStatus::Ok;
     }
@@ -480,27 +528,32 @@ struct Int4ToSetOpDataSetBase
         return n;
     }
 
-    // Writes scalarCount() values, ascending within each range.
+    // Writes scalarCount() values, ascending within each range; interrupts are checked after
+    // every 2^20 values, also within one wide range.
     void writeScalar(int32_t* out) const
     {
-        size_t sinceCheck = 0;
+        constexpr uint64_t interval = setAggDetail::interruptInterval;
+        uint64_t sinceCheck = 0;
         for (const IntRange& r : ranges)
         {
             if (r.lower > r.upper)
                 continue;
-            int32_t v = r.lower;
-            for (;;)
+            uint32_t v = static_cast<uint32_t>(r.lower);
+            uint64_t remaining = static_cast<uint64_t>(static_cast<int64_t>(r.upper) - r.lower) + 1;
+            while (remaining)
             {
-                *out++ = v;
-                if (v == r.upper)
-                    break;
-                ++v;
-            }
-            sinceCheck += static_cast<uint32_t>(r.upper) - static_cast<uint32_t>(r.lower) + 1;
-            if (sinceCheck >= (size_t{1} << 20))
-            {
-                sinceCheck = 0;
-                Hooks::checkInterrupts();
+                const uint64_t chunk = std::min(remaining, interval - sinceCheck);
+                for (uint64_t i = 0; i < chunk; ++i)
+                    out[i] = static_cast<int32_t>(v + static_cast<uint32_t>(i));
+                out += chunk;
+                v += static_cast<uint32_t>(chunk);
+                remaining -= chunk;
+                sinceCheck += chunk;
+                if (sinceCheck == interval)
+                {
+                    sinceCheck = 0;
+                    Hooks::checkInterrupts();
+                }
             }
         }
     }
@@ -635,6 +688,11 @@ struct Int4ToSetOpDataOptimizedBase
     // Set before every combine, serial and final step (flush).
     static constexpr uint32_t batchSize = 1024;
     static constexpr uint32_t batchFromBytes = 256 * 1024;
+    // Only ranges within this many bytes are buffered; a wider one gains nothing from batching and
+    // is written at once (a thousand buffered ranges of 256 MB each would make one step of minutes).
+    static constexpr uint32_t batchMaxSpanBytes = 64;
+    // Long writes, copies and scans check for interrupts after each megabyte.
+    static constexpr uint32_t interruptSliceBytes = uint32_t{1} << 20;
     pgRangeArray::Range<int>* pending;  // null: bits are set row by row
     uint32_t pendingCount;
 
@@ -685,7 +743,13 @@ struct Int4ToSetOpDataOptimizedBase
         const uint32_t capacity = (values >> 6) * 8u + ((values & 63u) != 0 ? 8u : 0u);
         bits.fill = 0;
         bits.reserve(capacity);
+        // Up to 256 MB to clear: a megabyte at a time, so that a cancel request gets through.
         const uint32_t lastByte = static_cast<uint32_t>(maxInput) >> 3;
+        while (bits.size + interruptSliceBytes < lastByte + 1)
+        {
+            bits.resize(bits.size + interruptSliceBytes);
+            Hooks::checkInterrupts();
+        }
         if (!(lastByte < bits.size))
             bits.resize(lastByte + 1);
         if (bits.size >= batchFromBytes)
@@ -725,10 +789,12 @@ struct Int4ToSetOpDataOptimizedBase
             return OptimizedAggStatus::Ok;
         if (!holds(lower) || !holds(upper))
             return OptimizedAggStatus::RangeOutOfRange;
-        if (pending)
+        const uint32_t lo = static_cast<uint32_t>(lower);
+        const uint32_t hi = static_cast<uint32_t>(upper);
+        if (pending && (hi >> 3) - (lo >> 3) < batchMaxSpanBytes)
             buffer(lower, upper);
         else
-            bits.setRange(static_cast<uint32_t>(lower), static_cast<uint32_t>(upper));
+            setRangeInterruptibly(lo, hi);
         return OptimizedAggStatus::Ok;
     }
 
@@ -797,8 +863,7 @@ struct Int4ToSetOpDataOptimizedBase
         bits.fill = other.bits.fill;
         bits.size = 0;
         bits.reserve(other.bits.capacity);
-        if (other.bits.size)
-            std::memcpy(bits.data, other.bits.data, other.bits.size);
+        copyInterruptibly(bits.data, other.bits.data, other.bits.size);
         bits.size = other.bits.size;
     }
 
@@ -815,6 +880,8 @@ struct Int4ToSetOpDataOptimizedBase
         uint32_t i = 0;
         for (; i + 8 <= n; i += 8)
         {
+            if ((i & (interruptSliceBytes - 1)) == 0 && i != 0)
+                Hooks::checkInterrupts();
             uint64_t a;
             uint64_t b;
             std::memcpy(&a, to + i, 8);
@@ -842,8 +909,8 @@ struct Int4ToSetOpDataOptimizedBase
         out[0] = static_cast<uint8_t>(inputType);
         out[1] = static_cast<uint8_t>(outputType);
         setAggDetail::storeInt32(out + 2, initialised ? static_cast<int32_t>(bits.capacity) : 0);
-        if (initialised && bits.size)
-            std::memcpy(out + headerBytes, bits.data, bits.size);
+        if (initialised)
+            copyInterruptibly(out + headerBytes, bits.data, bits.size);
     }
 
     // Rebuilds a fresh state from `length` serialised bytes. A capacity that is not a multiple of 8
@@ -861,8 +928,7 @@ struct Int4ToSetOpDataOptimizedBase
         if (d == 0 && capacity == 0)
             return OptimizedAggStatus::Ok;
         bits.reserve(static_cast<uint32_t>(capacity));
-        if (d)
-            std::memcpy(bits.data, in + headerBytes, d);
+        copyInterruptibly(bits.data, in + headerBytes, d);
         bits.size = static_cast<uint32_t>(d);
         return OptimizedAggStatus::Ok;
     }
@@ -996,7 +1062,25 @@ private:
         const int32_t a = lower < 0 ? 0 : lower;
         const int32_t b = upper > top ? top : upper;
         if (a <= b)
-            bits.setRange(static_cast<uint32_t>(a), static_cast<uint32_t>(b));
+            setRangeInterruptibly(static_cast<uint32_t>(a), static_cast<uint32_t>(b));
+    }
+
+    // Offsets lo..hi (lo <= hi, held), a megabyte at a time.
+    void setRangeInterruptibly(uint32_t lo, uint32_t hi)
+    {
+        constexpr uint32_t sliceBits = interruptSliceBytes * 8u;
+        while (hi - lo >= sliceBits)
+        {
+            bits.setRange(lo, lo + sliceBits - 1);
+            lo += sliceBits;
+            Hooks::checkInterrupts();
+        }
+        bits.setRange(lo, hi);
+    }
+
+    static void copyInterruptibly(uint8_t* to, const uint8_t* from, size_t n)
+    {
+        setAggDetail::copyInterruptibly<Hooks>(to, from, n);
     }
 
     // Calls f(first offset, word) for the bytes in use as 64-bit words, the first value in the most

@@ -62,7 +62,9 @@ constexpr size_t initialCapacity = 1024;
 constexpr uint32_t rangeStartBit = 0x80000000u;
 constexpr size_t maxResultLength = 0x7fffffff;
 
-// Work units (values written or items read) between two interrupt checks.
+// Work units (values written or items read) between two interrupt checks. The input-linear
+// conversions check every 2^20 elements as well, with their allocator's interrupt policy
+// (pgRangeArray::InterruptPolicyOf).
 constexpr size_t interruptInterval = size_t(1) << 20;
 
 struct NoInterrupts
@@ -136,15 +138,17 @@ Status walkMixItems(const int32_t* item, const int32_t* end, Visit&& visit)
 
 // Scalar array -> range array. Values must not decrease; a value at most one above the current
 // run's end (32-bit wrapping difference) extends the run, duplicates included.
-template <typename A>
+template <typename A, typename Interrupts = typename pgRangeArray::InterruptPolicyOf<A>::type>
 Status scalarToRanges(const int32_t* values, size_t count, tVectorBase<Range<int>, A>& out)
 {
     out.clear();
     if (count == 0)
         return Status::Ok;
+    pgRangeArray::InterruptCountdown<Interrupts> countdown;
     Range<int> run{values[0], values[0]};
     for (size_t i = 1; i < count; ++i)
     {
+        countdown.step();
         const int32_t x = values[i];
         if (x < run.upper)
             return Status::ScalarToRangeNotSorted;
@@ -164,17 +168,19 @@ Status scalarToRanges(const int32_t* values, size_t count, tVectorBase<Range<int
 
 // Scalar array -> mix array. Element 0 receives the input length (duplicates counted), the runs
 // follow as single values or (lower | bit 31, upper) pairs.
-template <typename A>
+template <typename A, typename Interrupts = typename pgRangeArray::InterruptPolicyOf<A>::type>
 Status scalarToMix(const int32_t* values, size_t count, tVectorBase<int32_t, A>& out)
 {
     out.clear();
     if (count == 0)
         return Status::Ok;
+    pgRangeArray::InterruptCountdown<Interrupts> countdown;
     out.push_back(static_cast<int32_t>(count));
     int32_t start = values[0];
     int32_t last = values[0];
     for (size_t i = 1; i < count; ++i)
     {
+        countdown.step();
         const int32_t x = values[i];
         if (x < last)
             return Status::ScalarToMixNotSorted;
@@ -210,8 +216,12 @@ Status rangesToScalars(const int32_t* data, size_t count, MakeOutput&& makeOutpu
     const Range<int>* first = reinterpret_cast<const Range<int>*>(data);
     const Range<int>* last = first + count / 2;
     uint64_t total = 0;
+    pgRangeArray::InterruptCountdown<Interrupts> countdown;
     for (const Range<int>* r = first; r != last; ++r)
+    {
+        countdown.step();
         total += valueCount(r->lower, r->upper);
+    }
     if (total > maxResultLength)
         return Status::ArrayOverflow;
     int32_t* out = makeOutput(static_cast<size_t>(total));
@@ -232,7 +242,7 @@ Status rangesToScalars(const int32_t* data, size_t count, MakeOutput&& makeOutpu
 
 // Range array -> mix array: one item per pair in input order, neither validated nor merged; the
 // count element is the 32-bit wrapping sum of upper - lower + 1.
-template <typename A>
+template <typename A, typename Interrupts = typename pgRangeArray::InterruptPolicyOf<A>::type>
 Status rangesToMix(const int32_t* data, size_t count, tVectorBase<int32_t, A>& out)
 {
     out.clear();
@@ -240,10 +250,12 @@ Status rangesToMix(const int32_t* data, size_t count, tVectorBase<int32_t, A>& o
         return Status::OddRangeCount;
     if (count == 0)
         return Status::Ok;
+    pgRangeArray::InterruptCountdown<Interrupts> countdown;
     out.push_back(0);
     int32_t total = 0;
     for (size_t i = 0; i < count; i += 2)
     {
+        countdown.step();
         const int32_t lower = data[i];
         const int32_t upper = data[i + 1];
         total = pgRangeArray::wrappedAdd(total, pgRangeArray::wrappedAdd(pgRangeArray::wrappedDifference(upper, lower), 1));
@@ -278,8 +290,11 @@ Status mixToScalars(const int32_t* data, size_t count, size_t maxValues, MakeOut
     if (declared < 0 || static_cast<size_t>(declared) > maxValues)
         return Status::OutputTooSmall;
     uint64_t total = 0;
-    const Status status =
-        walkMixItems(data + 1, data + count, [&total](int32_t lower, int32_t upper) { total += valueCount(lower, upper); });
+    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    const Status status = walkMixItems(data + 1, data + count, [&total, &countdown](int32_t lower, int32_t upper) {
+        countdown.step();
+        total += valueCount(lower, upper);
+    });
     if (status != Status::Ok)
         return status;
     if (total != static_cast<uint64_t>(declared))
@@ -298,14 +313,17 @@ Status mixToScalars(const int32_t* data, size_t count, size_t maxValues, MakeOut
 }
 
 // Mix array -> range array: one range per item in item order (element 0 is not read).
-template <typename A>
+template <typename A, typename Interrupts = typename pgRangeArray::InterruptPolicyOf<A>::type>
 Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>& out)
 {
     out.clear();
     if (count <= 1)
         return Status::Ok;
-    const Status status =
-        walkMixItems(data + 1, data + count, [&out](int32_t lower, int32_t upper) { out.push_back(Range<int>{lower, upper}); });
+    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    const Status status = walkMixItems(data + 1, data + count, [&out, &countdown](int32_t lower, int32_t upper) {
+        countdown.step();
+        out.push_back(Range<int>{lower, upper});
+    });
     if (status != Status::Ok)
         return status;
     if (out.size > maxResultLength / 2)
@@ -316,7 +334,8 @@ Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>
 // Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Input
 // that is already in order (the usual case for scalar arrays) is copied as it is; short inputs use
 // std::sort, longer ones a least-significant-digit radix sort on the sign-flipped keys (11, 11 and
-// 10 bits), skipping a digit where every key falls into one bucket.
+// 10 bits), skipping a digit where every key falls into one bucket. Interrupts are checked every
+// 2^20 elements of each pass.
 template <typename Interrupts>
 void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
 {
@@ -344,6 +363,8 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
     uint32_t histogram[digits][buckets] = {};
     for (size_t i = 0; i < n; ++i)
     {
+        if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+            Interrupts::check();
         const uint32_t k = key(src[i]);
         ++histogram[0][digitOf(k, 0)];
         ++histogram[1][digitOf(k, 1)];
@@ -382,6 +403,8 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
         const unsigned shift = d * digitBits;
         for (size_t i = 0; i < n; ++i)
         {
+            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+                Interrupts::check();
             const int32_t v = from[i];
             to[position[(key(v) >> shift) & (buckets - 1)]++] = v;
         }

@@ -80,7 +80,9 @@ struct Int4RangeOpData
 //   static void maxDepthReached();               "reach max parenthesis group depth"
 //   static void unknownOperation(int32_t id);    "Unknown operation id %i"
 //   static void oddOperandLength();              "array length should be even"
-template <typename Context, typename Allocator, typename Errors>
+// Interrupts: see zelmorraPgRangeArray.h (each operand's walk checks every 2^20 steps).
+template <typename Context, typename Allocator, typename Errors,
+          typename Interrupts = typename InterruptPolicyOf<Allocator>::type>
 struct SetExpression
 {
     using State = Int4RangeOpData<Context, Allocator>;
@@ -111,9 +113,11 @@ struct SetExpression
         out.clear();
         switch (operation)
         {
-            case Union: computeUnion(value.begin(), value.end(), first, last, out); break;
-            case Intersection: computeIntersection(value.begin(), value.end(), first, last, out); break;
-            case Exclusion: computeExclusion(value.begin(), value.end(), first, last, out); break;
+            case Union: computeUnion<int, Allocator, Interrupts>(value.begin(), value.end(), first, last, out); break;
+            case Intersection:
+                computeIntersection<int, Allocator, Interrupts>(value.begin(), value.end(), first, last, out);
+                break;
+            case Exclusion: computeExclusion<int, Allocator, Interrupts>(value.begin(), value.end(), first, last, out); break;
             default: Errors::unknownOperation(operation);
         }
         const int32_t former = state.groups[group].buffer;

@@ -12,6 +12,7 @@ extern "C" {
 
 #include "catalog/pg_type.h"
 #include "fmgr.h"
+#include "miscadmin.h"
 #include "utils/array.h"
 #include "utils/memutils.h"
 }
@@ -47,10 +48,20 @@ namespace pg {
 // Writes one diagnostic line to standard output.
 void writeDiagnosticLine(const char* line);
 
+// Interrupt policy of the server-independent algorithms: a pending cancel request or statement
+// timeout ends the call at the algorithm's next check.
+struct ServerInterruptCheck
+{
+    static void check() { CHECK_FOR_INTERRUPTS(); }
+};
+
 // Memory of the current memory context. A failed allocation writes "Out of memory" and reports
-// 53200; requests beyond the server's allocation limit get the server's own error.
+// 53200; requests beyond the server's allocation limit get the server's own error. Walks that
+// write into it are interruptible (see pgRangeArray::InterruptPolicyOf).
 struct PallocAllocator
 {
+    using Interrupts = ServerInterruptCheck;
+
     static void* allocate(size_t bytes)
     {
         void* block = palloc_extended(bytes, MCXT_ALLOC_NO_OOM);
@@ -97,6 +108,31 @@ ArrayType* allocateResultArray(size_t n, bool zeroFill = true)
 }
 
 inline ArrayType* allocateInt4Array(size_t n) { return allocateResultArray<int32_t, INT4OID>(n); }
+
+// allocateResultArray with the data left uninitialised, for a caller that writes every element:
+// the long expansions would otherwise zero up to a gigabyte first, in one step that doubles their
+// memory traffic and cannot be interrupted. Failures are reported as allocateResultArray's.
+template <typename T, Oid ElementType>
+ArrayType* allocateResultArrayForOverwrite(size_t n)
+{
+    const size_t bytes = ARR_OVERHEAD_NONULLS(1) + n * sizeof(T);
+    void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, MCXT_ALLOC_NO_OOM) : nullptr;
+    if (block == nullptr)
+        raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", nullptr);
+    ArrayType* array = static_cast<ArrayType*>(block);
+    SET_VARSIZE(array, bytes);
+    array->ndim = 1;
+    array->dataoffset = 0;
+    array->elemtype = ElementType;
+    ARR_DIMS(array)[0] = static_cast<int>(n);
+    ARR_LBOUND(array)[0] = 1;
+    return array;
+}
+
+inline ArrayType* allocateInt4ArrayForOverwrite(size_t n) { return allocateResultArrayForOverwrite<int32_t, INT4OID>(n); }
+
+// memcpy in 1 MB slices with an interrupt check in between (copies of up to a gigabyte).
+void copyInterruptibly(void* to, const void* from, size_t bytes);
 
 inline int32_t* int4Data(ArrayType* array) { return reinterpret_cast<int32_t*>(ARR_DATA_PTR(array)); }
 

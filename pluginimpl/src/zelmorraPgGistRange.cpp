@@ -53,7 +53,7 @@ __attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key,
     const zm::pg::Int4ArrayView ranges = zm::pg::viewInt4Array(array);
     if (ranges.count % 2 != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, "accept only int4[] with an even size");
-    return zm::pgRangeArray::rangeArrayQueryConsistent(key, ranges.rangesBegin(), ranges.rangesEnd());
+    return zm::pgRangeArray::rangeArrayQueryConsistent<zm::pg::ServerInterruptCheck>(key, ranges.rangesBegin(), ranges.rangesEnd());
 }
 
 // Bitfield query (strategy 2). On a leaf only the key's lower end is looked at (on an int4 column it

@@ -84,19 +84,34 @@ MemoryContext createStateContext(MemoryContext aggregateContext, const char* nam
     return AllocSetContextCreateInternal(aggregateContext, name, ALLOCSET_DEFAULT_SIZES);
 }
 
+void copyInterruptibly(void* to, const void* from, size_t bytes)
+{
+    constexpr size_t slice = size_t{1} << 20;
+    char* t = static_cast<char*>(to);
+    const char* f = static_cast<const char*>(from);
+    while (bytes > slice)
+    {
+        memcpy(t, f, slice);
+        t += slice;
+        f += slice;
+        bytes -= slice;
+        CHECK_FOR_INTERRUPTS();
+    }
+    if (bytes)
+        memcpy(t, f, bytes);
+}
+
 ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count)
 {
-    ArrayType* result = allocateInt4Array(2 * count);
-    if (count)
-        memcpy(int4Data(result), first, count * sizeof(pgRangeArray::Range<int>));
+    ArrayType* result = allocateInt4ArrayForOverwrite(2 * count);
+    copyInterruptibly(int4Data(result), first, count * sizeof(pgRangeArray::Range<int>));
     return result;
 }
 
 ArrayType* valuesToArray(const int32_t* first, size_t count)
 {
-    ArrayType* result = allocateInt4Array(count);
-    if (count)
-        memcpy(int4Data(result), first, count * sizeof(int32_t));
+    ArrayType* result = allocateInt4ArrayForOverwrite(count);
+    copyInterruptibly(int4Data(result), first, count * sizeof(int32_t));
     return result;
 }
 

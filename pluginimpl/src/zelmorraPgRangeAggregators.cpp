@@ -112,7 +112,7 @@ extern "C" Datum zm_int4range_is_strictly_include(PG_FUNCTION_ARGS)
     const char* const function = "zm_int4range_is_strictly_include";
     const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, 252, function);
     const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, 252, function);
-    PG_RETURN_BOOL(zm::pgRangeArray::isStrictlyIncluded(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd()));
+    PG_RETURN_BOOL((zm::pgRangeArray::isStrictlyIncluded<int, zm::pg::ServerInterruptCheck>(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd())));
 }
 
 extern "C" Datum zm_int4range_is_overlap(PG_FUNCTION_ARGS)
@@ -122,7 +122,7 @@ extern "C" Datum zm_int4range_is_overlap(PG_FUNCTION_ARGS)
     const char* const function = "zm_int4range_is_overlap";
     const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, 284, function);
     const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, 284, function);
-    PG_RETURN_BOOL(zm::pgRangeArray::isOverlapping(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd()));
+    PG_RETURN_BOOL((zm::pgRangeArray::isOverlapping<int, zm::pg::ServerInterruptCheck>(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd())));
 }
 
 namespace zm {
@@ -482,7 +482,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             const uint64_t count = state->scalarCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
                 ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
-            result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+            result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeScalar(zm::pg::int4Data(result));
             break;
         }
@@ -491,7 +491,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             const uint64_t count = state->mixElementCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
                 ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
-            result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+            result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeMix(zm::pg::int4Data(result));
             break;
         }
@@ -745,7 +745,7 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
     }
     if (count > static_cast<uint64_t>(INT32_MAX))
         ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
-    result = zm::pg::allocateInt4Array(static_cast<size_t>(count));
+    result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));  // the writers fill all of it
     int32_t* out = zm::pg::int4Data(result);
     if (state->outputType == zm::setAggType::Scalar)
         state->writeScalar(out);

@@ -43,10 +43,13 @@ extern "C" Datum zm_int4range_overlap_rangearray(PG_FUNCTION_ARGS)
     if (a.count % 2 != 0 || b.count % 2 != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 123, "zm_int4range_overlap_rangearray", "%s", INVALID_RANGE_ARRAY);
     if (a.rangeCount() == 1)
-        PG_RETURN_BOOL(zm::pgRangeArray::rangeOverlapsList(*a.rangesBegin(), b.rangesBegin(), b.rangesEnd()));
+        PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(*a.rangesBegin(), b.rangesBegin(),
+                                                                                             b.rangesEnd())));
     if (b.rangeCount() == 1)
-        PG_RETURN_BOOL(zm::pgRangeArray::rangeOverlapsList(*b.rangesBegin(), a.rangesBegin(), a.rangesEnd()));
-    PG_RETURN_BOOL(zm::pgRangeArray::isOverlapping(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd()));
+        PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(*b.rangesBegin(), a.rangesBegin(),
+                                                                                             a.rangesEnd())));
+    PG_RETURN_BOOL((zm::pgRangeArray::isOverlapping<int, zm::pg::ServerInterruptCheck>(a.rangesBegin(), a.rangesEnd(),
+                                                                                     b.rangesBegin(), b.rangesEnd())));
 }
 
 // Despite its name an overlap test: the packed range shares a value with some range of the array.
@@ -58,7 +61,7 @@ extern "C" Datum zm_int4rangepacked_in_rangearray(PG_FUNCTION_ARGS)
         PG_RETURN_BOOL(false);
     if (ranges.count % 2 != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 164, "zm_int4rangepacked_in_rangearray", "%s", INVALID_RANGE_ARRAY);
-    PG_RETURN_BOOL(zm::pgRangeArray::rangeOverlapsList(packed, ranges.rangesBegin(), ranges.rangesEnd()));
+    PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(packed, ranges.rangesBegin(), ranges.rangesEnd())));
 }
 
 extern "C" Datum zm_int4rangepacked_in_int4rangepacked(PG_FUNCTION_ARGS)
@@ -99,6 +102,10 @@ extern "C" Datum zm_int4rangepacked_contains_value(PG_FUNCTION_ARGS)
 // value in whole 64-bit words.
 #include "zelmorraPgBitFieldServer.h"
 
+extern "C" {
+#include "miscadmin.h"
+}
+
 namespace zm {
 namespace pg {
 
@@ -133,6 +140,12 @@ namespace {
 const char* const INVALID_BITFIELD_ARRAY = "invalid bitfield array";
 const char* const INVALID_RANGEARRAY_COUNT = "invalid int4 count to represent a rangearray";
 const char* const UNSUPPORTED_INPUT_TYPE = "unsupported input type";
+
+// Lets a cancel request through between the slices of a long scan (see zelmorraPgBitField.h).
+struct InterruptPoll
+{
+    void operator()() const { CHECK_FOR_INTERRUPTS(); }
+};
 
 const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
 {
@@ -184,13 +197,13 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
         switch (kind)
         {
         case ArrayDataTypeScalar:
-            return zm::bitFieldAllValues(info, e, n);
+            return zm::bitFieldAllValues(info, e, n, InterruptPoll());
         case ArrayDataTypeRange:
             if (n % 2 != 0)
                 ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-            return zm::bitFieldAllRanges(info, e, n / 2);
+            return zm::bitFieldAllRanges(info, e, n / 2, InterruptPoll());
         case ArrayDataTypeMix:
-            return zm::bitFieldAllMixItems(info, e + 1, n - 1);
+            return zm::bitFieldAllMixItems(info, e + 1, n - 1, InterruptPoll());
         default:
             ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 334, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
         }
@@ -198,13 +211,13 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
     switch (kind)
     {
     case ArrayDataTypeScalar:
-        return zm::bitFieldAnyValue(info, e, n);
+        return zm::bitFieldAnyValue(info, e, n, InterruptPoll());
     case ArrayDataTypeRange:
         if (n % 2 != 0)
             ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-        return zm::bitFieldAnyRange(info, e, n / 2);
+        return zm::bitFieldAnyRange(info, e, n / 2, InterruptPoll());
     case ArrayDataTypeMix:
-        return zm::bitFieldAnyMixItem(info, e + 1, n - 1);
+        return zm::bitFieldAnyMixItem(info, e + 1, n - 1, InterruptPoll());
     default:
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 400, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
     }
@@ -234,7 +247,7 @@ extern "C" Datum zm_int4rangepacked_in_rangebitfield(PG_FUNCTION_ARGS)
         PG_RETURN_BOOL(false);
     if (info.status != zm::BitFieldStatus::Ok)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 203, "zm_int4rangepacked_in_rangebitfield", "%s", INVALID_BITFIELD_ARRAY);
-    PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper));
+    PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper, InterruptPoll()));
 }
 
 extern "C" Datum zm_int4set_overlap_bitfield(PG_FUNCTION_ARGS)

@@ -126,8 +126,9 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
     const size_t count = static_cast<size_t>(input.count);
 
     ArrayType* result = nullptr;
+    // The expansions write every value they allocate.
     auto makeOutput = [&result](size_t n) {
-        result = allocateInt4Array(n);
+        result = allocateInt4ArrayForOverwrite(n);
         return int4Data(result);
     };
     if (from == zm::pgRangeArray::ArrayDataTypeScalar && to == zm::pgRangeArray::ArrayDataTypeRange)
@@ -184,7 +185,8 @@ extern "C" Datum zm_sort_int4(PG_FUNCTION_ARGS)
     ArrayType* array = setConversionGlue::checkedInt4Argument(fcinfo, 0, function);
     const Int4ArrayView input = viewInt4Array(array);
     const size_t n = static_cast<size_t>(input.count);
-    ArrayType* result = allocateInt4Array(n);
+    // sortInt4 writes every element on each of its paths.
+    ArrayType* result = allocateInt4ArrayForOverwrite(n);
     if (n)
     {
         int32_t* scratch = static_cast<int32_t*>(PallocAllocator::allocate(n * sizeof(int32_t)));
@@ -214,7 +216,7 @@ struct InterruptPoll
 
 // Sum of (upper - lower + 1) over the pairs, each width wrapped in int32 and summed in 64 bits;
 // four pairs per step so that the compiler can keep the widths in vector registers.
-int64_t sumRangeWidths(const int32_t* pairs, uint32_t pairCount)
+int64_t sumRangeWidthsOfChunk(const int32_t* pairs, uint32_t pairCount)
 {
     int64_t sums[4] = {0, 0, 0, 0};
     uint32_t i = 0;
@@ -229,6 +231,21 @@ int64_t sumRangeWidths(const int32_t* pairs, uint32_t pairCount)
     for (; i < pairCount; ++i)
         total += static_cast<int32_t>(static_cast<uint32_t>(pairs[2 * i + 1]) - static_cast<uint32_t>(pairs[2 * i]) + 1u);
     return total;
+}
+
+// The same over any number of pairs, 2^20 at a time with an interrupt check in between.
+int64_t sumRangeWidths(const int32_t* pairs, uint32_t pairCount)
+{
+    constexpr uint32_t chunk = uint32_t{1} << 20;
+    int64_t total = 0;
+    while (pairCount > chunk)
+    {
+        total += sumRangeWidthsOfChunk(pairs, chunk);
+        pairs += 2 * size_t{chunk};
+        pairCount -= chunk;
+        CHECK_FOR_INTERRUPTS();
+    }
+    return total + sumRangeWidthsOfChunk(pairs, pairCount);
 }
 
 }  // namespace
@@ -327,9 +344,8 @@ extern "C" Datum zm_bytea2floatarray(PG_FUNCTION_ARGS)
     const size_t bytes = VARSIZE(payload) - VARHDRSZ;
     if (bytes % sizeof(float4) != 0)
         ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_bytea2floatarray", "invalid byte count to represent a float array");
-    ArrayType* result = zm::pg::allocateResultArray<float4, FLOAT4OID>(bytes / sizeof(float4));
-    if (bytes)
-        memcpy(ARR_DATA_PTR(result), VARDATA(payload), bytes);
+    ArrayType* result = zm::pg::allocateResultArrayForOverwrite<float4, FLOAT4OID>(bytes / sizeof(float4));
+    zm::pg::copyInterruptibly(ARR_DATA_PTR(result), VARDATA(payload), bytes);
     PG_RETURN_ARRAYTYPE_P(result);
 }
 
