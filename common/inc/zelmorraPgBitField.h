@@ -535,9 +535,11 @@ inline bool bitFieldKeyConsistent(const BitFieldInfo& info, int32_t lower, int32
         return bitFieldHasValue(info, lower);
     if (info.first > upper || info.last < lower)
         return false;
+    // A key with its ends reversed (only a damaged index holds one) covers nothing.
+    uint32_t lo, hi;
+    if (!detail::clampToSpan(info, lower, upper, lo, hi))
+        return false;
     constexpr uint32_t slice = uint32_t{1} << 26;
-    uint32_t lo = bitFieldOffset(info.first, lower > info.first ? lower : info.first);
-    const uint32_t hi = bitFieldOffset(info.first, upper < info.last ? upper : info.last);
     while (hi - lo >= slice)
     {
         if (anyBitSet(info.begin, lo, lo + slice - 1))
