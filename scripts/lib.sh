@@ -10,7 +10,8 @@ log() { printf '==> %s\n' "$*" >&2; }
 
 # Installs the Debian packages the build and the tests need, only when one is missing.
 ensure_dependencies() {
-    local packages=(postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang)
+    local packages=(postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang
+                    clang-14 libclang-rt-14-dev)
     local missing=()
     for p in "${packages[@]}"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

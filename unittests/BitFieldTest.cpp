@@ -508,6 +508,44 @@ TEST(BitFieldReader, ValueTwelveOfTenToTwenty)
     EXPECT_TRUE(zm::bitFieldAllRanges(info, pair, 1));
 }
 
+// ---- GiST key rule ----
+
+namespace {
+struct PollCount
+{
+    int calls = 0;
+    void operator()() { ++calls; }
+};
+}  // namespace
+
+TEST(BitFieldGistRule, LeafLooksAtTheLowerEndInnerAtTheCoveredSpan)
+{
+    const auto d = persisted(10, 20, 8, {0x20});  // value 12
+    const zm::BitFieldInfo info = read(d);
+    ASSERT_EQ(info.status, zm::BitFieldStatus::Ok);
+    PollCount poll;
+    EXPECT_TRUE(zm::bitFieldKeyConsistent(info, 12, 100, true, poll));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 11, 12, true, poll));
+    EXPECT_TRUE(zm::bitFieldKeyConsistent(info, 11, 12, false, poll));
+    EXPECT_TRUE(zm::bitFieldKeyConsistent(info, -5, 12, false, poll));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 13, 100, false, poll));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 21, 30, false, poll));
+    EXPECT_EQ(poll.calls, 0);
+}
+
+// Found by fuzzing: an inner key with its ends reversed (as only a damaged index holds) made the
+// covered part of the span negative, and the byte scan ran far past the bitfield.
+TEST(BitFieldGistRule, ReversedInnerKeyCoversNothing)
+{
+    const auto d = persisted(0, 100, 16);
+    const zm::BitFieldInfo info = read(d);
+    ASSERT_EQ(info.status, zm::BitFieldStatus::Ok);
+    PollCount poll;
+    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 50, 10, false, poll));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 100, 0, false, poll));
+    EXPECT_EQ(poll.calls, 0);
+}
+
 // ---- writer ----
 
 namespace {

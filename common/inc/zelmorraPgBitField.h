@@ -554,6 +554,92 @@ inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, 
     });
 }
 
+// A whole int4 set against a persisted bitfield: every member has its bit set (included) or some
+// member has (overlap). The set's quick bounds are taken without scanning, from its first and last
+// elements (for a mix array the first item's lower bound; a lone count element gives 0 and 0), so
+// an unsorted scalar array is judged by them before any element is tested.
+enum class BitFieldSetKind : int32_t
+{
+    Scalar = 3,  // the codes of the kind letters 's', 'r', 'm'
+    Range = 4,
+    Mix = 5,
+};
+
+enum class BitFieldSetTest : uint8_t
+{
+    False,
+    True,
+    OddRangeCount,    // a range array with an odd element count
+    UnsupportedKind,  // a kind other than scalar, range or mix
+};
+
+// `elements` holds n > 0 elements; `info` is Ok. poll() runs between slices of long scans.
+template <typename Poll = BitFieldNoPoll>
+inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFieldInfo& info, const int32_t* e,
+                                       uint32_t n, Poll&& poll = Poll())
+{
+    const auto answer = [](bool b) { return b ? BitFieldSetTest::True : BitFieldSetTest::False; };
+    int32_t min, max;
+    switch (static_cast<BitFieldSetKind>(kind))
+    {
+    case BitFieldSetKind::Scalar:
+    case BitFieldSetKind::Range:
+        min = e[0];
+        max = e[n - 1];
+        break;
+    case BitFieldSetKind::Mix:
+        min = n == 1 ? 0 : static_cast<int32_t>(static_cast<uint32_t>(e[1]) & 0x7fffffffu);
+        max = n == 1 ? 0 : e[n - 1];
+        break;
+    default:
+        return BitFieldSetTest::UnsupportedKind;
+    }
+    if (min > info.last || max < info.first)
+        return BitFieldSetTest::False;
+
+    if (included && (min < info.first || max > info.last))
+        return BitFieldSetTest::False;
+    switch (static_cast<BitFieldSetKind>(kind))
+    {
+    case BitFieldSetKind::Scalar:
+        return answer(included ? bitFieldAllValues(info, e, n, poll) : bitFieldAnyValue(info, e, n, poll));
+    case BitFieldSetKind::Range:
+        if (n % 2 != 0)
+            return BitFieldSetTest::OddRangeCount;
+        return answer(included ? bitFieldAllRanges(info, e, n / 2, poll) : bitFieldAnyRange(info, e, n / 2, poll));
+    case BitFieldSetKind::Mix:
+        return answer(included ? bitFieldAllMixItems(info, e + 1, n - 1, poll)
+                                : bitFieldAnyMixItem(info, e + 1, n - 1, poll));
+    }
+    return BitFieldSetTest::UnsupportedKind;
+}
+
+// A GiST key [lower, upper] against a bitfield query (Ok info): on a leaf the bit of the key's
+// lower end; on an inner page any set bit in the part of the span that the key covers. A wide key
+// over a huge bitfield can mean hundreds of megabytes, so that part is tested in slices of 2^26
+// offsets (8 MB of bits) with poll() between them.
+template <typename Poll>
+inline bool bitFieldKeyConsistent(const BitFieldInfo& info, int32_t lower, int32_t upper, bool leaf, Poll&& poll)
+{
+    if (leaf)
+        return bitFieldHasValue(info, lower);
+    if (info.first > upper || info.last < lower)
+        return false;
+    // A key with its ends reversed (only a damaged index holds one) covers nothing.
+    uint32_t lo, hi;
+    if (!detail::clampToSpan(info, lower, upper, lo, hi))
+        return false;
+    constexpr uint32_t slice = uint32_t{1} << 26;
+    while (hi - lo >= slice)
+    {
+        if (anyBitSet(info.begin, lo, lo + slice - 1))
+            return true;
+        lo += slice;
+        poll();
+    }
+    return anyBitSet(info.begin, lo, hi);
+}
+
 // ---- building a persisted bitfield from an int4 set -------------------------------------------------
 
 // Header values and data length of the bitfield built from a set; writeItems is false when the

@@ -35,6 +35,8 @@ enum class Status
     ConversionError,
     ArrayOverflow,     // result length beyond int32
     MixArrayOverflow,  // the same in scalar-to-mix, whose message has no trailing blank
+    FloatPayloadLength,  // bytea decoders: a payload that is not a whole number of 4-byte elements
+    MixPayloadLength,
 };
 
 // The message each failure is reported with (exact texts, trailing blank of "array overflow "
@@ -52,6 +54,8 @@ inline const char* statusMessage(Status status)
         case Status::ConversionError: return "Conversion error";
         case Status::ArrayOverflow: return "array overflow ";
         case Status::MixArrayOverflow: return "array overflow";
+        case Status::FloatPayloadLength: return "invalid byte count to represent a float array";
+        case Status::MixPayloadLength: return "invalid byte count to represent an int4 mixarray";
     }
     return "";
 }
@@ -329,6 +333,41 @@ Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>
     if (out.size > maxResultLength / 2)
         return Status::ArrayOverflow;
     return Status::Ok;
+}
+
+// ---- bytea decoders ----
+
+// Number of float4 elements of a payload of `bytes` bytes (copied as they are by the caller).
+inline Status floatPayloadElements(size_t bytes, size_t& count)
+{
+    if (bytes % sizeof(float) != 0)
+        return Status::FloatPayloadLength;
+    count = bytes / sizeof(float);
+    return Status::Ok;
+}
+
+// A payload of `bytes` bytes holding the int4 elements of a mix array in machine byte order, as
+// the range array of its items (mixToRanges). A payload that is not int-aligned is read from an
+// aligned copy taken from the allocator and given back before returning.
+template <typename A>
+Status mixPayloadToRanges(const void* payload, size_t bytes, tVectorBase<Range<int>, A>& out)
+{
+    out.clear();
+    if (bytes % sizeof(int32_t) != 0)
+        return Status::MixPayloadLength;
+    const size_t count = bytes / sizeof(int32_t);
+    const int32_t* elements = static_cast<const int32_t*>(payload);
+    int32_t* aligned = nullptr;
+    if (count && reinterpret_cast<uintptr_t>(payload) % alignof(int32_t) != 0)
+    {
+        aligned = static_cast<int32_t*>(A::allocate(bytes));
+        std::memcpy(aligned, payload, bytes);
+        elements = aligned;
+    }
+    const Status status = mixToRanges(elements, count, out);
+    if (aligned)
+        A::deallocate(aligned);
+    return status;
 }
 
 // Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Input

@@ -56,9 +56,9 @@ __attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key,
     return zm::pgRangeArray::rangeArrayQueryConsistent<zm::pg::ServerInterruptCheck>(key, ranges.rangesBegin(), ranges.rangesEnd());
 }
 
-// Bitfield query (strategy 2). On a leaf only the key's lower end is looked at (on an int4 column it
-// is the value itself); on an inner page any set bit in the part of the span the key covers. An
-// empty bitfield matches nothing, exactly, on any page.
+// Bitfield query (strategy 2), by zm::bitFieldKeyConsistent: on a leaf only the key's lower end is
+// looked at (on an int4 column it is the value itself), on an inner page any set bit in the part of
+// the span the key covers. An empty bitfield matches nothing, exactly, on any page.
 __attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, bool leaf, bool* recheck)
 {
     const bytea* bitfield = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(query));
@@ -71,23 +71,23 @@ __attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, b
     if (info.status != zm::BitFieldStatus::Ok)
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_gist_range_consistent", "invalid bitfield array");
     *recheck = !leaf;
-    if (leaf)
-        return zm::bitFieldHasValue(info, key.lower);
-    if (info.first > key.upper || info.last < key.lower)
-        return false;
-    // A wide key over a huge bitfield can mean hundreds of megabytes: test it in slices and let
-    // the query be cancelled between them.
-    constexpr uint32_t SLICE = 1u << 26;  // offsets, i.e. 8 MB of bits
-    uint32_t lo = zm::bitFieldOffset(info.first, std::max(key.lower, info.first));
-    const uint32_t hi = zm::bitFieldOffset(info.first, std::min(key.upper, info.last));
-    while (hi - lo >= SLICE)
-    {
-        if (zm::anyBitSet(info.begin, lo, lo + SLICE - 1))
-            return true;
-        lo += SLICE;
-        CHECK_FOR_INTERRUPTS();
-    }
-    return zm::anyBitSet(info.begin, lo, hi);
+    return zm::bitFieldKeyConsistent(info, key.lower, key.upper, leaf, [] { CHECK_FOR_INTERRUPTS(); });
+}
+
+// Order of the keys for a sorted CREATE INDEX (zm_gist_range_sortsupport): the lower list's order of
+// the page split, lower end then upper end, so that the build packs neighbouring ranges into the
+// same page. Keys equal in both ends compare equal; which of two identical ranges lands on which
+// page does not matter. The comparison is signed, like every bound comparison of the keys, and
+// must agree with PackedRangeWithSplitOffsetSortLower.
+int comparePackedKeys(Datum a, Datum b, SortSupport)
+{
+    const Range<int> ra = unpackRange(DatumGetInt64(a));
+    const Range<int> rb = unpackRange(DatumGetInt64(b));
+    if (ra.lower != rb.lower)
+        return ra.lower < rb.lower ? -1 : 1;
+    if (ra.upper != rb.upper)
+        return ra.upper < rb.upper ? -1 : 1;
+    return 0;
 }
 
 [[noreturn]] __attribute__((noinline, cold)) void unimplementedStrategy()
@@ -303,23 +303,6 @@ extern "C" Datum zm_gist_range_picksplit(PG_FUNCTION_ARGS)
     splitvec->spl_rdatum = Int64GetDatum(packRange(right.unionKey.lower, right.unionKey.upper));
     PG_RETURN_POINTER(splitvec);
 }
-
-namespace {
-
-// Keys in the lower list's order (lower end, then upper end), so that a sorted build packs
-// neighbouring ranges into the same page.
-int comparePackedKeys(Datum a, Datum b, SortSupport)
-{
-    const Range<int> ra = unpackRange(DatumGetInt64(a));
-    const Range<int> rb = unpackRange(DatumGetInt64(b));
-    if (ra.lower != rb.lower)
-        return ra.lower < rb.lower ? -1 : 1;
-    if (ra.upper != rb.upper)
-        return ra.upper < rb.upper ? -1 : 1;
-    return 0;
-}
-
-}  // namespace
 
 // Lets CREATE INDEX sort the keys and fill pages bottom-up instead of inserting them one by one;
 // later inserts still go through penalty and picksplit.

@@ -152,11 +152,15 @@ const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
     return reinterpret_cast<const bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(argument)));
 }
 
-// Every member of the set (included) or some member of it (overlap) has its bit set. The set's
-// quick bounds are its first and last elements: an unsorted scalar array is judged by them.
+// Every member of the set (included) or some member of it (overlap) has its bit set; the rules are
+// zm::bitFieldTestSet's.
 bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
 {
     using namespace zm::pgRangeArray;
+    static_assert(static_cast<int32_t>(zm::BitFieldSetKind::Scalar) == ArrayDataTypeScalar &&
+                      static_cast<int32_t>(zm::BitFieldSetKind::Range) == ArrayDataTypeRange &&
+                      static_cast<int32_t>(zm::BitFieldSetKind::Mix) == ArrayDataTypeMix,
+                  "kind letter codes");
     const ArrayDataType kind = ArrayDataTypeFromChar(PG_GETARG_CHAR(0));
     ArrayType* array = zm::pg::detoastArray(PG_GETARG_DATUM(1));
     const bytea* bitfield = bitfieldArgument(fcinfo, 2);
@@ -169,58 +173,20 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
     zm::BitFieldInfo info{};
     if (!zm::pg::getBitFieldInfo(bitfield, info.begin, info.end, info.first, info.last))
         return false;
-    const uint32_t n = static_cast<uint32_t>(set.count);
-    const int32_t* e = set.data;
-
-    int32_t min, max;
-    switch (kind)
+    switch (zm::bitFieldTestSet(kind, included, info, set.data, static_cast<uint32_t>(set.count), InterruptPoll()))
     {
-    case ArrayDataTypeScalar:
-    case ArrayDataTypeRange:
-        min = e[0];
-        max = e[n - 1];
-        break;
-    case ArrayDataTypeMix:
-        min = n == 1 ? 0 : static_cast<int32_t>(static_cast<uint32_t>(e[1]) & 0x7fffffffu);
-        max = n == 1 ? 0 : e[n - 1];
-        break;
-    default:
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 258, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
-    }
-    if (min > info.last || max < info.first)
+    case zm::BitFieldSetTest::False:
         return false;
-
-    if (included)
-    {
-        if (min < info.first || max > info.last)
-            return false;
-        switch (kind)
-        {
-        case ArrayDataTypeScalar:
-            return zm::bitFieldAllValues(info, e, n, InterruptPoll());
-        case ArrayDataTypeRange:
-            if (n % 2 != 0)
-                ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-            return zm::bitFieldAllRanges(info, e, n / 2, InterruptPoll());
-        case ArrayDataTypeMix:
-            return zm::bitFieldAllMixItems(info, e + 1, n - 1, InterruptPoll());
-        default:
-            ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 334, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
-        }
+    case zm::BitFieldSetTest::True:
+        return true;
+    case zm::BitFieldSetTest::OddRangeCount:
+        if (included)
+            ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
+        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
+    case zm::BitFieldSetTest::UnsupportedKind:
+        break;
     }
-    switch (kind)
-    {
-    case ArrayDataTypeScalar:
-        return zm::bitFieldAnyValue(info, e, n, InterruptPoll());
-    case ArrayDataTypeRange:
-        if (n % 2 != 0)
-            ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-        return zm::bitFieldAnyRange(info, e, n / 2, InterruptPoll());
-    case ArrayDataTypeMix:
-        return zm::bitFieldAnyMixItem(info, e + 1, n - 1, InterruptPoll());
-    default:
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 400, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
-    }
+    ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 258, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
 }
 
 }  // namespace

@@ -342,9 +342,11 @@ extern "C" Datum zm_bytea2floatarray(PG_FUNCTION_ARGS)
         PG_RETURN_NULL();
     bytea* payload = PG_GETARG_BYTEA_P(0);
     const size_t bytes = VARSIZE(payload) - VARHDRSZ;
-    if (bytes % sizeof(float4) != 0)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_bytea2floatarray", "invalid byte count to represent a float array");
-    ArrayType* result = zm::pg::allocateResultArrayForOverwrite<float4, FLOAT4OID>(bytes / sizeof(float4));
+    size_t count = 0;
+    const zm::setConversion::Status status = zm::setConversion::floatPayloadElements(bytes, count);
+    if (status != zm::setConversion::Status::Ok)
+        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_bytea2floatarray", "%s", zm::setConversion::statusMessage(status));
+    ArrayType* result = zm::pg::allocateResultArrayForOverwrite<float4, FLOAT4OID>(count);
     zm::pg::copyInterruptibly(ARR_DATA_PTR(result), VARDATA(payload), bytes);
     PG_RETURN_ARRAYTYPE_P(result);
 }
@@ -358,28 +360,14 @@ extern "C" Datum zm_bytea2mix2rangearray(PG_FUNCTION_ARGS)
     if (PG_ARGISNULL(0))
         PG_RETURN_NULL();
     bytea* payload = PG_GETARG_BYTEA_P(0);
-    const size_t bytes = VARSIZE(payload) - VARHDRSZ;
-    if (bytes % sizeof(int32_t) != 0)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, function, "invalid byte count to represent an int4 mixarray");
-    const size_t count = bytes / sizeof(int32_t);
-    // A detoasted bytea's data is int-aligned; copy it in the unexpected case that it is not.
-    const int32_t* elements = reinterpret_cast<const int32_t*>(VARDATA(payload));
-    int32_t* aligned = nullptr;
-    if (count && reinterpret_cast<uintptr_t>(elements) % alignof(int32_t) != 0)
-    {
-        aligned = static_cast<int32_t*>(zm::pg::PallocAllocator::allocate(bytes));
-        memcpy(aligned, VARDATA(payload), bytes);
-        elements = aligned;
-    }
     zm::pg::RangeVector out;
     out.init(zm::setConversion::initialCapacity);
-    const Status status = zm::setConversion::mixToRanges(elements, count, out);
-    if (aligned)
-        pfree(aligned);
+    const Status status = zm::setConversion::mixPayloadToRanges(VARDATA(payload), VARSIZE(payload) - VARHDRSZ, out);
     if (status != Status::Ok)
     {
         out.release();
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "%s", zm::setConversion::statusMessage(status));
+        ZM_ERROR(status == Status::MixPayloadLength ? ZM_SQLSTATE_INVALID_BINARY : ZM_SQLSTATE_VALUE_ERROR, __LINE__,
+                 function, "%s", zm::setConversion::statusMessage(status));
     }
     ArrayType* result = zm::pg::rangesToArray(out.data, out.size);
     out.release();
