@@ -343,6 +343,8 @@ struct CheckedList
     const Range<int32_t>* at;          // the walk's current range
     const Range<int32_t>* checkedEnd;  // [begin, checkedEnd) is in canonical form
     const Range<int32_t>* end;
+    void (*poll)() = &NoInterruptCheck::check;  // the caller's interrupt check
+    uint32_t checkedSincePoll = 0;
 
     static CheckedList unchecked(const Range<int32_t>* first, const Range<int32_t>* last)
     {
@@ -369,6 +371,13 @@ struct CheckedList
             previousUpper = r->upper;
         }
         checkedEnd = broken ? checkedEnd : stop;
+        // The check runs ahead of the walk over both lists, so polling here paces the whole walk.
+        checkedSincePoll += static_cast<uint32_t>(CheckBlock);
+        if (checkedSincePoll >= interruptCheckInterval)
+        {
+            checkedSincePoll = 0;
+            poll();
+        }
         return !broken;
     }
 
@@ -475,7 +484,9 @@ bool intersect(const Range<int32_t>* aBegin, const Range<int32_t>* aEnd, const R
                const Range<int32_t>* bEnd, tVectorBase<Range<int32_t>, A>& out)
 {
     CheckedList<1> a = CheckedList<1>::unchecked(aBegin, aEnd);
+    a.poll = &InterruptPolicyOf<A>::type::check;
     CheckedList<1> b = CheckedList<1>::unchecked(bBegin, bEnd);
+    b.poll = &InterruptPolicyOf<A>::type::check;
     return appendOverlaps<RangesOf>(a, b, out);
 }
 
@@ -493,9 +504,11 @@ bool exclude(const Range<int32_t>* aBegin, const Range<int32_t>* aEnd, const Ran
     if (aBegin == aEnd || bBegin == bEnd)
         return false;
     CheckedList<2> a = CheckedList<2>::unchecked(aBegin, aEnd);
+    a.poll = &InterruptPolicyOf<A>::type::check;
     if (!a.checkedToEnd() || Bound{(aEnd - 1)->upper} - aBegin->lower > INT32_MAX)
         return false;
     CheckedList<2> b = CheckedList<2>::unchecked(bBegin, bEnd);
+    b.poll = &InterruptPolicyOf<A>::type::check;
     if (!b.checkedUpTo(bBegin))
         return false;
     if (bBegin->lower != INT32_MIN)  // below B's first range
