@@ -4,13 +4,16 @@
 // complement of A) from standard input and prints, per size and operation, the best time of one
 // call in microseconds:  <n> <operation> <microseconds>
 // The output vector is reused across calls (no allocation inside the timed loop), so this is the
-// pure merge: no detoasting, no result array, no executor.
+// pure merge: no detoasting, no result array, no executor. Intersection and exclusion are also
+// timed by the step-by-step rules ("_stepwise"), and both ways over distinct random inputs of the
+// same size in turn ("_distinct").
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -82,6 +85,54 @@ double bestMicroseconds(Call call, double batchSeconds)
 
 volatile size_t sink;
 
+// A canonical random range array drawn like the benchmark table's: from -10 n up, ranges of 1 to 21
+// values, 1 to 19 missing values between them.
+std::vector<int32_t> randomRangeArray(std::mt19937& rng, size_t n)
+{
+    std::vector<int32_t> values;
+    int64_t upper = -10 * static_cast<int64_t>(n);
+    for (size_t i = 0; i < n; ++i)
+    {
+        const int64_t gap = 2 + rng() % 19, length = rng() % 21;
+        upper += gap + length;
+        values.push_back(static_cast<int32_t>(upper - length));
+        values.push_back(static_cast<int32_t>(upper));
+    }
+    return values;
+}
+
+// Intersection and exclusion, branch-free walk and step-by-step rules, over several distinct input
+// pairs in turn. With one input repeated, the branch predictor learns the step-by-step walk of a
+// few thousand ranges by heart, which no real workload allows; this shows the cost without that.
+void reportDistinctInputs(const std::string& n, double batchSeconds)
+{
+    const size_t ranges = std::stoul(n);
+    const size_t pairs = std::max<size_t>(2, 64000 / std::max<size_t>(ranges, 1));
+    std::mt19937 rng(42);
+    std::vector<std::vector<int32_t>> inputs;
+    for (size_t i = 0; i < 2 * pairs; ++i)
+        inputs.push_back(randomRangeArray(rng, ranges));
+    RangeVector out;
+    out.init(2 * ranges + 1);
+    size_t turn = 0;
+    auto timeInTurn = [&](const char* operation, auto compute) {
+        const double us = bestMicroseconds([&] {
+            const std::vector<int32_t>& a = inputs[2 * turn];
+            const std::vector<int32_t>& b = inputs[2 * turn + 1];
+            compute(rangesOf(a), rangesOf(a) + ranges, rangesOf(b), rangesOf(b) + ranges, out);
+            sink = out.size;
+            turn = (turn + 1) % pairs;
+        }, batchSeconds);
+        std::printf("%s %s %.3f\n", n.c_str(), operation, us);
+    };
+    using namespace zm::pgRangeArray;
+    timeInTurn("intersection_distinct", computeIntersection<int, MallocAllocator>);
+    timeInTurn("intersection_stepwise_distinct", computeIntersectionStepwise<int, MallocAllocator>);
+    timeInTurn("exclusion_distinct", computeExclusion<int, MallocAllocator>);
+    timeInTurn("exclusion_stepwise_distinct", computeExclusionStepwise<int, MallocAllocator>);
+    out.release();
+}
+
 }  // namespace
 
 int main(int argc, char** argv)
@@ -138,6 +189,7 @@ int main(int argc, char** argv)
             sink = zm::pgRangeArray::isOverlapping(aBegin, aEnd, bBegin, bEnd);
         }, batchSeconds));
         out.release();
+        reportDistinctInputs(n, batchSeconds);
         std::fflush(stdout);
     }
     return 0;

@@ -82,7 +82,7 @@ for n in ${SIZES//,/ }; do
         IFS='|' read -r op ours theirs <<< "$entry"
         our_us=$(time_sql "$n" "$ours")
         their_us=$(time_sql "$n" "$theirs")
-        echo "$n $op $our_us $their_us $(bare_us "$n" "$op") $rows $read_both $(bare_us "$n" "${op}_stepwise")" >> "$results"
+        echo "$n $op $our_us $their_us $(bare_us "$n" "$op") $rows $read_both" >> "$results"
     done
 done
 
@@ -100,7 +100,6 @@ BEGIN {
     printf "%8d  %-18s %12.2f %12.2f %8.1fx %s %s\n", n, op, theirs, ours, ratio, b, ob
     if (!(n in overhead)) order[++sizes] = n
     overhead[n] = sprintf("row overhead %.2f us, detoasting both inputs %.2f us", $6, $7)
-    if (op == "intersection" || op == "exclusion") stepwise[n] = stepwise[n] sprintf("; %s %s us", op, $8)
     if (n == 10000 && (op == "union" || op == "intersection" || op == "exclusion")) {
         checked++
         if (ratio >= 30) fast++
@@ -110,9 +109,23 @@ BEGIN {
 END {
     print ""
     for (i = 1; i <= sizes; i++) printf "%8d ranges: %s\n", order[i], overhead[order[i]]
-    print "bare merge by the step-by-step rules (what canonical inputs skip):"
-    for (i = 1; i <= sizes; i++) printf "%8d ranges%s\n", order[i], stepwise[order[i]]
     if (checked) {
         printf "\ntargets at 10^4 ranges (union, intersection, exclusion): >= 30x multirange: %d of %d met; within 3x of the bare merge: %d of %d met\n", fast, checked, near, checked
     }
 }' "$results"
+
+echo
+echo "Bare merge, branch-free walk / step-by-step rules (which canonical inputs skip), microseconds;"
+echo "once with the table's input repeated, once over several distinct random inputs in turn:"
+awk '
+{ t[$1 " " $2] = $3; if (!($1 in seen)) { seen[$1] = 1; order[++sizes] = $1 } }
+END {
+    for (i = 1; i <= sizes; i++) {
+        n = order[i]
+        printf "%8d ranges  repeated: intersection %.1f / %.1f, exclusion %.1f / %.1f;", n,
+            t[n " intersection"], t[n " intersection_stepwise"], t[n " exclusion"], t[n " exclusion_stepwise"]
+        printf "  distinct: intersection %.1f / %.1f, exclusion %.1f / %.1f\n",
+            t[n " intersection_distinct"], t[n " intersection_stepwise_distinct"],
+            t[n " exclusion_distinct"], t[n " exclusion_stepwise_distinct"]
+    }
+}' build/bench/bare.txt
