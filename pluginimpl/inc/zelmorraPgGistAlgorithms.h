@@ -37,26 +37,23 @@ int64_t unionOfPackedKeys(int count, KeyAt keyAt)
 
 // Cost of adding `add` under the existing key `orig`: the integer part is the number of values the
 // key grows by, the fractional part (below 1) prefers, among equal growths, the key in which the
-// new range already lies more fully. Integer arithmetic is 32-bit with wrap-around, as the on-disk
-// keys of existing indexes were built with it. Returns false when the wrapped growth is negative
-// (ranges spanning more than 2^31 values); `penalty` is then left alone.
-inline bool computePenalty(const Range<int>& orig, const Range<int>& add, float& penalty)
+// new range already lies more fully. Sizes are counted in 64 bits: a key may span all 2^32 int4
+// values, and 32-bit sizes would wrap to negative growths on ordinary data whose values lie more
+// than 2^31 apart. Since min(lower) <= orig.lower and max(upper) >= orig.upper, the growth is never
+// negative, for any two keys.
+inline float computePenalty(const Range<int>& orig, const Range<int>& add)
 {
-    const int32_t newSize = wrappedAdd(wrappedDifference(add.upper, add.lower), 1);
-    const int32_t enlargement = wrappedDifference(
-        wrappedDifference(std::max(orig.upper, add.upper), std::min(orig.lower, add.lower)),
-        wrappedDifference(orig.upper, orig.lower));
-    if (enlargement < 0)
-        return false;
-    const float overlap = newSize > enlargement ? static_cast<float>(wrappedDifference(newSize, enlargement)) : 0.0f;
-    const float ratio = overlap / static_cast<float>(wrappedAdd(wrappedDifference(orig.upper, orig.lower), 1));
+    const int64_t newSize = int64_t{add.upper} - add.lower + 1;
+    const int64_t enlargement =
+        (int64_t{std::max(orig.upper, add.upper)} - std::min(orig.lower, add.lower)) - (int64_t{orig.upper} - orig.lower);
+    const float overlap = newSize > enlargement ? static_cast<float>(newSize - enlargement) : 0.0f;
+    const float ratio = overlap / static_cast<float>(int64_t{orig.upper} - orig.lower + 1);
     float fraction = 1.0f - ratio;
     if (0.99f > fraction)
         fraction = std::max(fraction, 0.0f);
     else
-        fraction = 0.99f;  // also when the ratio is not a number
-    penalty = static_cast<float>(enlargement) + fraction;
-    return true;
+        fraction = 0.99f;  // also when the ratio is not a number (a reversed key of size 0)
+    return static_cast<float>(enlargement) + fraction;
 }
 
 // ---- consistency rules --------------------------------------------------------------------------
@@ -134,7 +131,6 @@ enum class SplitStatus
     LowerListOutOfBound,  // no untagged record left in the lower list (bookkeeping error)
     UpperListOutOfBound,  // no untagged record left in the upper list (bookkeeping error)
     RangeAlreadyTagged,   // a record was placed twice (bookkeeping error)
-    NegativeEnlargement,  // a penalty's wrapped growth was negative
 };
 
 // One side of the split: the caller provides `offsets` with room for every entry.
@@ -231,14 +227,8 @@ SplitStatus pickSplit(uint16_t maxoff, KeyAt keyAt, SplitSide& left, SplitSide& 
         }
         const PackedRangeWithSplitOffset& candidateLeft = lowerList[lowerCursor];
         const PackedRangeWithSplitOffset& candidateRight = upperList[upperCursor];
-        float penaltyLeft = 0.0f;
-        float penaltyRight = 0.0f;
-        if (!computePenalty(left.unionKey, unpackRange(candidateLeft.range), penaltyLeft) ||
-            !computePenalty(right.unionKey, unpackRange(candidateRight.range), penaltyRight))
-        {
-            status = SplitStatus::NegativeEnlargement;
-            break;
-        }
+        const float penaltyLeft = computePenalty(left.unionKey, unpackRange(candidateLeft.range));
+        const float penaltyRight = computePenalty(right.unionKey, unpackRange(candidateRight.range));
         bool toLeft;
         if (penaltyLeft < penaltyRight)
             toLeft = true;

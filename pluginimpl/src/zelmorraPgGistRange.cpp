@@ -38,8 +38,6 @@ PG_FUNCTION_INFO_V1(zm_int4_overlap_rangearray);
 
 namespace {
 
-const char* const NEGATIVE_ENLARGEMENT = "GIST compute penalty new range is smaller than original one";
-
 Range<int> entryKey(const GISTENTRY& entry) { return unpackRange(DatumGetInt64(entry.key)); }
 
 // Range-array query (strategies 1 and 11). Only int4 arrays are accepted; an array that is not
@@ -199,8 +197,7 @@ extern "C" Datum zm_gist_range_penalty(PG_FUNCTION_ARGS)
     const GISTENTRY* orig = reinterpret_cast<GISTENTRY*>(PG_GETARG_POINTER(0));
     const GISTENTRY* add = reinterpret_cast<GISTENTRY*>(PG_GETARG_POINTER(1));
     float* penalty = reinterpret_cast<float*>(PG_GETARG_POINTER(2));
-    if (!zm::pgRangeArray::computePenalty(entryKey(*orig), entryKey(*add), *penalty))
-        ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "computePenalty", "%s", NEGATIVE_ENLARGEMENT);
+    *penalty = zm::pgRangeArray::computePenalty(entryKey(*orig), entryKey(*add));
     PG_RETURN_POINTER(penalty);
 }
 
@@ -294,8 +291,6 @@ extern "C" Datum zm_gist_range_picksplit(PG_FUNCTION_ARGS)
                      "GIST picksplit internal error (upper list out of bound)");
         case zm::pgRangeArray::SplitStatus::RangeAlreadyTagged:
             ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "pushRange", "GIST picksplit internal error (range already tagged)");
-        case zm::pgRangeArray::SplitStatus::NegativeEnlargement:
-            ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "computePenalty", "%s", NEGATIVE_ENLARGEMENT);
     }
     splitvec->spl_nleft = left.count;
     splitvec->spl_nright = right.count;

@@ -9,8 +9,9 @@ RESET client_min_messages;
 -- Index scans against sequential scans on random tables and random queries. Each operator of each
 -- class is run, query by query, once with the operator evaluated on every row (sequential scan) and
 -- once through the index (plain and bitmap index scans), on three copies of the table whose
--- indexes were built by a sorted CREATE INDEX, by inserting the rows one by one into an indexed
--- table, and by a buffering build. Only counts are printed; every mismatch count must be 0.
+-- indexes were built by a sorted CREATE INDEX, by many INSERT batches in random order into an
+-- indexed table, and by a buffering build; then again after deletes and VACUUM, and after REINDEX.
+-- Only counts are printed; every mismatch count must be 0.
 -- psql variables rows and queries (per operator) scale the run.
 \if :{?rows}
 \else
@@ -25,31 +26,54 @@ SET client_min_messages = warning;
 SELECT setseed(0.25);
 
 -- Data: values and small ranges around 0, negative ones included, duplicates and NULLs included,
--- a few far out (the whole data spans less than 2^31 values, which the penalty's arithmetic needs).
+-- and some over the whole int4 range: the limits themselves, values anywhere, ranges open to either
+-- end and the range of every int4 value, so that keys span more than 2^31 values.
+CREATE FUNCTION pg_temp.anywhere() RETURNS int4 LANGUAGE sql AS $$ SELECT floor(random() * 4294967296 - 2147483648)::int4 $$;
 CREATE TABLE rnd_v_sorted AS
   SELECT i AS id, CASE WHEN r < 0.01 THEN NULL WHEN r < 0.012 THEN (CASE WHEN i % 2 = 0 THEN 1 ELSE -1 END) * 1000000000
+                       WHEN r < 0.020 THEN pg_temp.anywhere()
+                       WHEN r < 0.021 THEN (CASE WHEN i % 2 = 0 THEN 2147483647 ELSE -2147483648 END)
                        ELSE floor(random() * 40001 - 20000)::int4 END AS v
   FROM (SELECT i, random() AS r FROM generate_series(1, :rows) i) s;
 CREATE TABLE rnd_p_sorted AS
-  SELECT i AS id, CASE WHEN r < 0.01 THEN NULL ELSE zm_range_pack(lo, lo + len) END AS p
+  SELECT i AS id, CASE WHEN r < 0.01 THEN NULL
+                       WHEN r < 0.011 THEN zm_range_pack(-2147483648, 2147483647)
+                       WHEN r < 0.012 THEN zm_range_pack(lo, 2147483647)
+                       WHEN r < 0.013 THEN zm_range_pack(-2147483648, lo)
+                       ELSE zm_range_pack(lo, least(lo::int8 + len, 2147483647)::int4) END AS p
   FROM (SELECT i, r,
-               CASE WHEN r < 0.012 THEN (CASE WHEN i % 2 = 0 THEN 1 ELSE -1 END) * 1000000000
+               CASE WHEN r < 0.016 THEN (CASE WHEN i % 2 = 0 THEN 1 ELSE -1 END) * 1000000000
+                    WHEN r < 0.024 THEN pg_temp.anywhere()
+                    WHEN r < 0.025 THEN (CASE WHEN i % 2 = 0 THEN 2147483647 ELSE -2147483648 END)
                     ELSE floor(random() * 40001 - 20000)::int4 END AS lo,
                CASE WHEN random() < 0.9 THEN floor(random() * 13)::int4 ELSE floor(random() * 500)::int4 END AS len
         FROM (SELECT i, random() AS r FROM generate_series(1, :rows) i) s) s;
-SELECT count(*) AS rows, count(v) AS not_null, count(DISTINCT v) AS distinct_values, min(v) < 0 AS negatives
+SELECT count(*) AS rows, count(v) AS not_null, count(DISTINCT v) AS distinct_values, min(v) < 0 AS negatives,
+       min(v) = -2147483648 AND max(v) = 2147483647 AS both_limits
 FROM rnd_v_sorted;
-SELECT count(*) AS rows, count(p) AS not_null, count(DISTINCT p) AS distinct_ranges, min(zm_rangepacked_lower(p)) < 0 AS negatives
+SELECT count(*) AS rows, count(p) AS not_null, count(DISTINCT p) AS distinct_ranges, min(zm_rangepacked_lower(p)) < 0 AS negatives,
+       bool_or(p = zm_range_pack(-2147483648, 2147483647)) AS whole_range
 FROM rnd_p_sorted;
 
 CREATE INDEX rnd_v_sorted_idx ON rnd_v_sorted USING gist (v zm_int4_gist_ops);
 CREATE INDEX rnd_p_sorted_idx ON rnd_p_sorted USING gist (p zm_int4rangepacked_gist_ops);
+-- Indexes created empty and filled by forty INSERT batches of rows in random order, the first
+-- batches holding the rows far out: later inserts descend through keys spanning the whole range.
+CREATE FUNCTION pg_temp.insert_in_batches(source text, target text, col text) RETURNS void LANGUAGE plpgsql AS $$
+BEGIN
+  EXECUTE format('CREATE TEMP TABLE batch_order AS SELECT id, row_number() OVER (ORDER BY %s NOT BETWEEN -20000 AND 20000 DESC, random()) %% 40 AS batch FROM %s',
+                 CASE WHEN col = 'v' THEN 'coalesce(v, 0)' ELSE 'coalesce(zm_rangepacked_lower(p), 0)' END, source);
+  FOR b IN 0..39 LOOP
+    EXECUTE format('INSERT INTO %s SELECT s.* FROM %s s JOIN batch_order o USING (id) WHERE o.batch = %s ORDER BY random()', target, source, b);
+  END LOOP;
+  DROP TABLE batch_order;
+END $$;
 CREATE TABLE rnd_v_inserted (LIKE rnd_v_sorted);
 CREATE INDEX rnd_v_inserted_idx ON rnd_v_inserted USING gist (v zm_int4_gist_ops);
-INSERT INTO rnd_v_inserted SELECT * FROM rnd_v_sorted ORDER BY random();
+SELECT pg_temp.insert_in_batches('rnd_v_sorted', 'rnd_v_inserted', 'v');
 CREATE TABLE rnd_p_inserted (LIKE rnd_p_sorted);
 CREATE INDEX rnd_p_inserted_idx ON rnd_p_inserted USING gist (p zm_int4rangepacked_gist_ops);
-INSERT INTO rnd_p_inserted SELECT * FROM rnd_p_sorted ORDER BY random();
+SELECT pg_temp.insert_in_batches('rnd_p_sorted', 'rnd_p_inserted', 'p');
 CREATE TABLE rnd_v_buffered AS SELECT * FROM rnd_v_sorted;
 CREATE INDEX rnd_v_buffered_idx ON rnd_v_buffered USING gist (v zm_int4_gist_ops) WITH (buffering = on);
 CREATE TABLE rnd_p_buffered AS SELECT * FROM rnd_p_sorted;
@@ -67,8 +91,8 @@ BEGIN
   RETURN levels;
 END $$;
 -- (Inserts choose at random among equally good subtrees, so only the sorted builds have a fixed
--- size.)
-SELECT relname, pg_temp.index_levels(oid) AS levels,
+-- shape.)
+SELECT relname, CASE WHEN relname LIKE '%sorted%' THEN pg_temp.index_levels(oid)::text ELSE 'varies' END AS levels,
        CASE WHEN relname LIKE '%sorted%' THEN (pg_relation_size(oid) / 8192)::text ELSE 'varies' END AS pages
 FROM pg_class WHERE relname LIKE 'rnd\__\_%\_idx' ORDER BY relname;
 
@@ -100,8 +124,10 @@ CREATE TABLE rnd_q_array AS
     WHEN k < 0.97 THEN (SELECT array_agg(x ORDER BY o) FROM (
                           SELECT unnest(ARRAY[lo, lo + 5]) AS x, g AS o FROM (
                             SELECT g, floor(random() * 40000 - 20000 + qid * 0)::int4 AS lo FROM generate_series(1, 4) g) s) u)
-    WHEN k < 0.985 THEN ARRAY[-2147483648, floor(random() * 40000 - 40000)::int4]
-    ELSE ARRAY[floor(random() * 40000)::int4, 2147483647]
+    WHEN k < 0.975 THEN ARRAY[-2147483648, floor(random() * 40000 - 40000)::int4]
+    WHEN k < 0.98 THEN ARRAY[floor(random() * 40000)::int4, 2147483647]
+    WHEN k < 0.985 THEN ARRAY[-2147483648, 2147483647]
+    ELSE (SELECT array_agg(x ORDER BY x) FROM (SELECT pg_temp.anywhere() AS x FROM generate_series(1, 6 + qid * 0)) s)
   END AS a
   FROM (SELECT qid, random() AS k FROM generate_series(1, :queries) qid) s;
 -- Packed ranges: small and wider valid ranges, single values, ranges open to an int4 end, reversed
@@ -111,18 +137,22 @@ CREATE TABLE rnd_q_packed AS
     WHEN k < 0.45 THEN zm_range_pack(lo, lo + floor(random() * 30)::int4)
     WHEN k < 0.65 THEN zm_range_pack(lo, lo + floor(random() * 300)::int4)
     WHEN k < 0.70 THEN zm_range_pack(lo, lo + floor(random() * 3000)::int4)
+    WHEN k < 0.73 THEN zm_range_pack(least(a, b), greatest(a, b))
+    WHEN k < 0.74 THEN zm_range_pack(-2147483648, 2147483647)
     WHEN k < 0.80 THEN zm_range_pack(lo, lo)
     WHEN k < 0.815 THEN zm_range_pack(-2147483648, lo - 20000)
     WHEN k < 0.83 THEN zm_range_pack(lo + 20000, 2147483647)
     WHEN k < 0.97 THEN (((lo - floor(random() * 100)::int4)::int8) << 32) | (lo::int8 & 4294967295)
     ELSE (floor(random() * 4294967296) - 2147483648)::int8 << 32 | floor(random() * 4294967296)::int8
   END AS q
-  FROM (SELECT qid, random() AS k, floor(random() * 44000 - 22000)::int4 AS lo FROM generate_series(1, :queries) qid) s;
+  FROM (SELECT qid, random() AS k, floor(random() * 44000 - 22000)::int4 AS lo, pg_temp.anywhere() AS a, pg_temp.anywhere() AS b
+        FROM generate_series(1, :queries) qid) s;
 -- Values: random ones, ones taken from the data, the far-out ones and the int4 ends.
 CREATE TABLE rnd_q_value AS
   SELECT qid, CASE
     WHEN k < 0.50 THEN floor(random() * 44000 - 22000)::int4
-    WHEN k < 0.90 THEN (SELECT v FROM rnd_v_sorted WHERE id = pick)
+    WHEN k < 0.85 THEN (SELECT v FROM rnd_v_sorted WHERE id = pick)
+    WHEN k < 0.90 THEN pg_temp.anywhere()
     WHEN k < 0.93 THEN 1000000000
     WHEN k < 0.96 THEN -1000000000
     WHEN k < 0.98 THEN 2147483647
@@ -240,19 +270,37 @@ RESET ALL;
 SET max_parallel_workers_per_gather = 0;
 SET client_min_messages = warning;
 
--- zm_int4_gist_ops on an int4 column.
-\set vtables '{rnd_v_sorted,rnd_v_inserted,rnd_v_buffered}'
-SELECT 'v && int4[]' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_array', 't.v && q.a', 'v');
-SELECT 'v <@ int8' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_packed', 't.v <@ q.q', 'v');
-SELECT 'v <@ bytea' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_bitfield', 't.v <@ q.b', 'v');
-SELECT 'v = int4' AS operator, * FROM pg_temp.check_operator(:'vtables', 'rnd_q_value', 't.v = q.v', 'v');
--- zm_int4rangepacked_gist_ops on a packed-range column.
-\set ptables '{rnd_p_sorted,rnd_p_inserted,rnd_p_buffered}'
-SELECT 'p && int4[]' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_array', 't.p && q.a', 'p');
-SELECT 'p && int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p && q.q', 'p');
-SELECT 'p <@ int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p <@ q.q', 'p');
-SELECT 'p @> int8' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_packed', 't.p @> q.q', 'p');
-SELECT 'int4 <@ p' AS operator, * FROM pg_temp.check_operator(:'ptables', 'rnd_q_value', 'q.v <@ t.p', 'p');
+-- Every operator of both classes, each table and scan against the sequential scan.
+CREATE FUNCTION pg_temp.check_all()
+RETURNS TABLE(operator text, tbl text, scan text, index_used bool, queries bigint, rows_found bigint, mismatches bigint)
+LANGUAGE plpgsql AS $$
+DECLARE
+  vtables text[] := '{rnd_v_sorted,rnd_v_inserted,rnd_v_buffered}';
+  ptables text[] := '{rnd_p_sorted,rnd_p_inserted,rnd_p_buffered}';
+  c record;
+BEGIN
+  FOR c IN SELECT * FROM (VALUES
+      -- zm_int4_gist_ops on an int4 column.
+      (1, 'v && int4[]', vtables, 'rnd_q_array', 't.v && q.a', 'v'),
+      (2, 'v <@ int8', vtables, 'rnd_q_packed', 't.v <@ q.q', 'v'),
+      (3, 'v <@ bytea', vtables, 'rnd_q_bitfield', 't.v <@ q.b', 'v'),
+      (4, 'v = int4', vtables, 'rnd_q_value', 't.v = q.v', 'v'),
+      -- zm_int4rangepacked_gist_ops on a packed-range column.
+      (5, 'p && int4[]', ptables, 'rnd_q_array', 't.p && q.a', 'p'),
+      (6, 'p && int8', ptables, 'rnd_q_packed', 't.p && q.q', 'p'),
+      (7, 'p <@ int8', ptables, 'rnd_q_packed', 't.p <@ q.q', 'p'),
+      (8, 'p @> int8', ptables, 'rnd_q_packed', 't.p @> q.q', 'p'),
+      (9, 'int4 <@ p', ptables, 'rnd_q_value', 'q.v <@ t.p', 'p')) o(n, op, tables, qtable, clause, col) ORDER BY n
+  LOOP
+    operator := c.op;
+    FOR tbl, scan, index_used, queries, rows_found, mismatches IN
+        SELECT * FROM pg_temp.check_operator(c.tables, c.qtable, c.clause, c.col) LOOP
+      RETURN NEXT;
+    END LOOP;
+  END LOOP;
+END $$;
+CREATE TEMP TABLE rnd_checks AS SELECT 'built' AS stage, * FROM pg_temp.check_all();
+SELECT operator, tbl, scan, index_used, queries, rows_found, mismatches FROM rnd_checks;
 
 -- A deeper index built by inserts alone, so that inner pages split too: every inner key must be
 -- exactly the union of the keys of the page below it, and every row must be reachable.
@@ -296,8 +344,8 @@ INSERT INTO rnd_p_deep
   SELECT i, zm_range_pack(lo, lo + floor(random() * 13)::int4)
   FROM (SELECT i, floor(random() * 400001 - 200000)::int4 AS lo FROM generate_series(1, 120000) i ORDER BY random()) s;
 SELECT levels, leaf_entries, inner_entries > 407 AS root_has_split, wrong_unions FROM pg_temp.check_tree('rnd_p_deep_idx');
-SELECT levels, leaf_entries, wrong_unions FROM pg_temp.check_tree('rnd_p_inserted_idx');
-SELECT levels, leaf_entries, wrong_unions FROM pg_temp.check_tree('rnd_v_buffered_idx');
+SELECT leaf_entries, wrong_unions FROM pg_temp.check_tree('rnd_p_inserted_idx');
+SELECT leaf_entries, wrong_unions FROM pg_temp.check_tree('rnd_v_buffered_idx');
 SELECT * FROM pg_temp.check_tree('rnd_p_sorted_idx');
 VACUUM ANALYZE rnd_p_deep;
 CREATE TABLE rnd_q_deep AS
@@ -305,6 +353,24 @@ CREATE TABLE rnd_q_deep AS
   FROM (SELECT qid, floor(random() * 410000 - 205000)::int4 AS lo FROM generate_series(1, 60) qid) s;
 SELECT 'p && int8' AS operator, * FROM pg_temp.check_operator('{rnd_p_deep}', 'rnd_q_deep', 't.p && q.q', 'p');
 SELECT 'p <@ int8' AS operator, * FROM pg_temp.check_operator('{rnd_p_deep}', 'rnd_q_deep', 't.p <@ q.q', 'p');
+
+-- Deletes in all copies alike, VACUUM, then REINDEX: the answers stay those of the sequential scan.
+DELETE FROM rnd_v_sorted WHERE id % 5 = 1;
+DELETE FROM rnd_v_inserted WHERE id % 5 = 1;
+DELETE FROM rnd_v_buffered WHERE id % 5 = 1;
+DELETE FROM rnd_p_sorted WHERE id % 5 = 1;
+DELETE FROM rnd_p_inserted WHERE id % 5 = 1;
+DELETE FROM rnd_p_buffered WHERE id % 5 = 1;
+VACUUM ANALYZE;
+INSERT INTO rnd_checks SELECT 'vacuumed', * FROM pg_temp.check_all();
+REINDEX TABLE rnd_v_sorted; REINDEX TABLE rnd_v_inserted; REINDEX TABLE rnd_v_buffered;
+REINDEX TABLE rnd_p_sorted; REINDEX TABLE rnd_p_inserted; REINDEX TABLE rnd_p_buffered;
+VACUUM ANALYZE;
+INSERT INTO rnd_checks SELECT 'reindexed', * FROM pg_temp.check_all();
+SELECT stage, count(*) FILTER (WHERE scan <> 'seq') AS index_scans,
+       count(*) FILTER (WHERE scan <> 'seq' AND NOT index_used) AS without_index, sum(mismatches) AS mismatches,
+       sum(rows_found) FILTER (WHERE scan = 'seq') < (SELECT sum(rows_found) FILTER (WHERE scan = 'seq') FROM rnd_checks WHERE stage = 'built') AS fewer_rows
+FROM rnd_checks GROUP BY stage ORDER BY array_position('{built,vacuumed,reindexed}', stage);
 
 DROP TABLE rnd_p_deep, rnd_q_deep;
 DROP TABLE rnd_v_sorted, rnd_v_inserted, rnd_v_buffered, rnd_p_sorted, rnd_p_inserted, rnd_p_buffered,
