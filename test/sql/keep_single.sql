@@ -73,7 +73,11 @@ SELECT agg_keep_single(v) FROM (VALUES ('2020-01-01'::date)) t(v);
 SELECT agg_keep_single(v, false) FROM (VALUES ('x'::varchar)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES ('{1}'::int4[])) t(v);
 SELECT agg_keep_single(NULL::int4);
+-- raised by the server's parser: message and SQLSTATE, not its source location
+\set VERBOSITY default
 SELECT agg_keep_single(NULL);
+\echo :LAST_ERROR_SQLSTATE
+\set VERBOSITY verbose
 
 -- groups, sorted and hashed
 CREATE TEMP TABLE groups AS SELECT g, g * 10 AS v, 'x' || g AS s FROM generate_series(1, 5) g, generate_series(1, 3);
@@ -91,8 +95,12 @@ SELECT g, agg_keep_single(v) FROM (SELECT g, v + CASE WHEN g = 4 THEN n ELSE 0 E
 SELECT agg_keep_single(v), agg_keep_single(v), agg_keep_single(v, false) FROM (VALUES (1), (1)) t(v);
 SELECT agg_keep_single(s), agg_keep_single(s) FROM groups WHERE g = 2;
 -- the final function consumes its state: no window use
+\set VERBOSITY default
 SELECT agg_keep_single(v) OVER () FROM (VALUES (1), (1)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, true) OVER (ORDER BY v) FROM (VALUES (1), (1)) t(v);
+\echo :LAST_ERROR_SQLSTATE
+\set VERBOSITY verbose
 -- in a subquery evaluated once per outer row
 SELECT g, (SELECT agg_keep_single(s) FROM groups i WHERE i.g = o.g) FROM generate_series(1, 3) o(g);
 -- ordered input: policy false keeps the first row in that order

@@ -171,9 +171,8 @@ RESET max_parallel_workers_per_gather;
 RESET enable_sort;
 
 -- Window use is refused cleanly: the final function consumes its state.
-\set VERBOSITY verbose
 SELECT k, zm_int4range_op(op, operand) OVER (ORDER BY k) FROM se_rows WHERE g = 1;
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 
 -- In a parallel plan the aggregate stays above the Gather: no partial aggregation.
 SET parallel_setup_cost = 0;
