@@ -34,6 +34,33 @@ namespace fuzz {
 #define FUZZ_CHECK(condition) \
     ((condition) ? (void)0 : ::fuzz::checkFailed(#condition, __FILE__, __LINE__))
 
+// ---- references ------------------------------------------------------------------------------------
+
+// A naive rendering of the set aggregates' union walk (setAggDetail::unionWithRoom): signed order
+// of lower bounds (equal bounds take a first), a range joins the last output range when it starts
+// at most one value after it ends (in 64 bits), and a list met alone is copied after its leading
+// joining ranges. `out` is a growable vector of ranges, emptied first.
+template <typename R, typename Out>
+void signedUnion(const R* a, const R* aEnd, const R* b, const R* bEnd, Out& out)
+{
+    out.size = 0;
+    const auto joins = [&out](const R& r) { return out.size != 0 && int64_t{r.lower} <= int64_t{out.back().upper} + 1; };
+    while (a != aEnd && b != bEnd)
+    {
+        const R r = b->lower < a->lower ? *b++ : *a++;
+        if (joins(r))
+            out.back().upper = std::max(out.back().upper, r.upper);
+        else
+            out.push_back(r);
+    }
+    const R* rest = a != aEnd ? a : b;
+    const R* restEnd = a != aEnd ? aEnd : bEnd;
+    for (; rest != restEnd && joins(*rest); ++rest)
+        out.back().upper = std::max(out.back().upper, rest->upper);
+    for (; rest != restEnd; ++rest)
+        out.push_back(*rest);
+}
+
 // ---- error reports ----------------------------------------------------------------------------------
 
 // What the server would raise as an ERROR; `code` tells the kinds apart where a target cares.

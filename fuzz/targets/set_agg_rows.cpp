@@ -1,7 +1,9 @@
 // The row readers of zm_int4set_agg: single values, lower/upper pairs, scalar, range and mix arrays
 // (the mix-row reader included), on arbitrary values. The state batches ordinary ranges; whatever
-// the rows, it must end exactly where literal per-row rangeArrayInsert ends. Serialising, combining
-// and the final forms are checked on the result.
+// the rows, it must end exactly where literal per-row rangeArrayInsert ends. The rows are also
+// dealt to two partial states: combined, they must give the same list whenever no row ends at
+// INT32_MAX or is reversed (for those, per-row insertion itself depends on the order of the rows).
+// Serialising, combining and the final forms are checked on the result.
 #include <vector>
 
 #include "FuzzSupport.h"
@@ -29,8 +31,9 @@ void insert(RangeVec& literal, int32_t lower, int32_t upper)
     zm::pgRangeArray::rangeArrayInsert(literal, IntRange{lower, upper});
 }
 
-// One row into the state and into the literal list; false when the row is refused.
-bool addRow(Input& in, State& state, RangeVec& literal, int32_t& base)
+// One row into the state, into the partial state `part` and into the literal list; false when the
+// row is refused.
+bool addRow(Input& in, State& state, State& part, RangeVec& literal, int32_t& base)
 {
     const uint8_t op = in.u8();
     switch (op % 5)
@@ -39,6 +42,7 @@ bool addRow(Input& in, State& state, RangeVec& literal, int32_t& base)
         {
             const int32_t v = in.valueNear(base);
             state.addValue(v);
+            part.addValue(v);
             insert(literal, v, v);
             base = v;
             return true;
@@ -48,6 +52,7 @@ bool addRow(Input& in, State& state, RangeVec& literal, int32_t& base)
             const int32_t lower = in.valueNear(base);
             const int32_t upper = (op & 0x80) ? in.valueNear(lower) : Input::wrap(int64_t{lower} + in.u8());
             state.addRange(lower, upper);
+            part.addRange(lower, upper);
             insert(literal, lower, upper);
             base = upper;
             return true;
@@ -68,6 +73,7 @@ bool addRow(Input& in, State& state, RangeVec& literal, int32_t& base)
             if (op % 5 == 2)
             {
                 state.addScalarArray(exact, n);
+                part.addScalarArray(exact, n);
                 for (int32_t v : e)
                     insert(literal, v, v);
             }
@@ -79,12 +85,14 @@ bool addRow(Input& in, State& state, RangeVec& literal, int32_t& base)
                     return false;
                 }
                 FUZZ_CHECK(n % 2 == 0);
+                FUZZ_CHECK(part.addRangeArray(exact, n) == zm::SetAggStatus::Ok);
                 for (size_t i = 0; i < n; i += 2)
                     insert(literal, e[i], e[i + 1]);
             }
             else
             {
                 state.addMixArray(exact, n);
+                part.addMixArray(exact, n);
                 for (size_t i = 1; i < n; ++i)
                 {
                     if (e[i] >= 0)
@@ -157,13 +165,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         state.minBatch = 1 + in.u8() % 64;  // small batches, so that merges happen often
         state.inputType = zm::setAggType::Range;
         state.outputType = zm::setAggType::Range;
+        State parts[2];
+        for (State& part : parts)
+        {
+            part.init(nullptr, true);
+            part.minBatch = state.minBatch;
+            part.inputType = state.inputType;
+            part.outputType = state.outputType;
+        }
         RangeVec literal;
         literal.init(1);
         int32_t base = in.valueNear(0);
         int rows = 256;
         while (!in.empty() && rows-- > 0)
         {
-            if (!addRow(in, state, literal, base))
+            if (!addRow(in, state, parts[in.u8() % 2], literal, base))
                 return;  // the row's ERROR ends the aggregate
             if (in.u8() % 16 == 0)
             {
@@ -190,15 +206,28 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             FUZZ_CHECK(sameRanges(copy.ranges, state.ranges));
         }
 
+        // The partial states combined: the serial list, unless a row made the order matter.
+        parts[0].compact();
+        parts[1].compact();
+        State combinedParts;
+        combinedParts.init(nullptr, false);
+        FUZZ_CHECK(combinedParts.addOtherCtxPair(&parts[0], &parts[1]) == zm::SetAggStatus::Ok);
+        if (!state.insertEachRow)
+        {
+            FUZZ_CHECK(!parts[0].insertEachRow && !parts[1].insertEachRow);
+            FUZZ_CHECK(sameRanges(combinedParts.ranges, state.ranges));
+        }
+
         // Combine with itself: the union of a list with itself.
         State combined;
         combined.init(nullptr, false);
         FUZZ_CHECK(combined.addOtherCtxPair(&state, &state) == zm::SetAggStatus::Ok);
         RangeVec expected;
         expected.init(1);
-        zm::pgRangeArray::computeUnion(state.ranges.begin(), state.ranges.end(), state.ranges.begin(),
-                                       state.ranges.end(), expected);
+        fuzz::signedUnion(state.ranges.begin(), state.ranges.end(), state.ranges.begin(), state.ranges.end(), expected);
         FUZZ_CHECK(sameRanges(combined.ranges, expected));
+        if (!state.insertEachRow)
+            FUZZ_CHECK(sameRanges(combined.ranges, state.ranges));
 
         checkFinalForms(state);
     });

@@ -155,8 +155,20 @@ IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
     return src;
 }
 
-// Joins touching or overlapping ranges of a sorted sequence of ordinary ranges (upper < INT32_MAX,
-// so upper + 1 cannot wrap), writing to out (which may be in); returns the count written.
+// The aggregates' touch rule: r joins `last` when it starts at most one value after last ends,
+// counted without wrap-around. Row insertion orders bounds by signed comparison, so this is the
+// rule under which merging two lists gives what inserting the rows of both would have given.
+// (The SQL-level union, computeUnion, orders and joins with 32-bit wrap-around instead.)
+inline bool joinsLast(const IntRange& last, const IntRange& r) { return int64_t{r.lower} <= int64_t{last.upper} + 1; }
+
+inline void joinInto(IntRange& last, const IntRange& r)
+{
+    if (r.upper > last.upper)
+        last.upper = r.upper;
+}
+
+// Joins touching or overlapping ranges of a sequence sorted by lower bound, writing to out (which
+// may be in); returns the count written.
 inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
 {
     if (n == 0)
@@ -166,34 +178,25 @@ inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
     for (size_t i = 1; i < n; ++i)
     {
         const IntRange r = in[i];
-        if (r.lower <= out[w].upper + 1)
-        {
-            if (r.upper > out[w].upper)
-                out[w].upper = r.upper;
-        }
+        if (joinsLast(out[w], r))
+            joinInto(out[w], r);
         else
             out[++w] = r;
     }
     return w + 1;
 }
 
-// computeUnion of zelmorraPgRangeArray.h, step for step (wrapped order of lower bounds, touch rule,
-// pushOrMerge of the rest), for an output that already holds room for every input range: the
-// choice between the two inputs is made without a branch, which on interleaved input halves the
-// time of the walk. Interrupts are checked every 2^20 steps.
+// Union of two range lists sorted by lower bound, as the set aggregates merge their states:
+// signed order of lower bounds (equal bounds take a first) and joinsLast. On canonical lists this
+// is the canonical form of the union, the list that inserting the rows behind both lists would
+// have produced, whatever the order. The output holds room for every input range. As in
+// pushOrMerge, a list met alone (the other empty or exhausted) is copied as a block after its
+// leading ranges that join the output. The choice between the inputs is made without a branch,
+// which on interleaved input halves the time of the walk. Interrupts are checked every 2^20 steps.
 template <typename Hooks = NoInterruptChecks, typename A>
 void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, const IntRange* bEnd,
                    tVectorBase<IntRange, A>& out)
 {
-    out.clear();
-    if (a == aEnd || b == bEnd)
-    {
-        if (a != aEnd)
-            out.append(a, aEnd);
-        else
-            out.append(b, bEnd);
-        return;
-    }
     IntRange* o = out.data;
     size_t w = 0;
     size_t steps = 0;
@@ -204,20 +207,23 @@ void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, c
             steps = 0;
             Hooks::checkInterrupts();
         }
-        const bool takeB = pgRangeArray::wrappedDifference(b->lower, a->lower) < 0;
+        const bool takeB = b->lower < a->lower;
         const IntRange r = takeB ? *b : *a;
         b += takeB;
         a += !takeB;
-        if (w != 0 && pgRangeArray::touches(o[w - 1], r))
-            pgRangeArray::mergeInto(o[w - 1], r);
+        if (w != 0 && joinsLast(o[w - 1], r))
+            joinInto(o[w - 1], r);
         else
             o[w++] = r;
     }
-    out.size = w;
-    if (a != aEnd)
-        pgRangeArray::pushOrMerge(out, a, aEnd);
-    else if (b != bEnd)
-        pgRangeArray::pushOrMerge(out, b, bEnd);
+    const IntRange* rest = a != aEnd ? a : b;
+    const IntRange* restEnd = a != aEnd ? aEnd : bEnd;
+    for (; w != 0 && rest != restEnd && joinsLast(o[w - 1], *rest); ++rest)
+        joinInto(o[w - 1], *rest);
+    const size_t restCount = static_cast<size_t>(restEnd - rest);
+    if (restCount != 0)
+        copyInterruptibly<Hooks>(o + w, rest, restCount * sizeof(IntRange));
+    out.size = w + restCount;
 }
 
 inline bool isOrdinary(int32_t lower, int32_t upper) { return lower <= upper && upper != INT32_MAX; }
@@ -444,7 +450,7 @@ struct Int4ToSetOpDataSetBase
             return SetAggStatus::CombineMismatch;
         Ranges merged;
         merged.init(std::max<size_t>(ranges.size + other.ranges.size, 1));
-        pgRangeArray::computeUnion(ranges.begin(), ranges.end(), other.ranges.begin(), other.ranges.end(), merged);
+        setAggDetail::unionWithRoom<Hooks>(ranges.begin(), ranges.end(), other.ranges.begin(), other.ranges.end(), merged);
         ranges.release();
         ranges = merged;
         return SetAggStatus::Ok;
