@@ -47,9 +47,9 @@ TEST(KeepSingleTypes, CanonicalDatum)
 TEST(KeepSingleLayout, DatumState)
 {
     uint8_t out[ks::datumStateSize];
-    ks::writeHeader(out, ks::datumKind, false, ks::int4Type);
+    ks::writeHeader(out, ks::datumKind, false, true, ks::int4Type);
     ks::writeDatum(out, 0x0102030405060708ull);
-    const uint8_t expected[] = {1, 0, 23, 0, 0, 0, 8, 7, 6, 5, 4, 3, 2, 1};
+    const uint8_t expected[] = {1, 2, 23, 0, 0, 0, 8, 7, 6, 5, 4, 3, 2, 1};  // flags: policy
     ASSERT_EQ(sizeof expected, sizeof out);
     EXPECT_EQ(std::memcmp(out, expected, sizeof out), 0);
 
@@ -57,6 +57,7 @@ TEST(KeepSingleLayout, DatumState)
     ASSERT_EQ(ks::decodeState(out, sizeof out, state), ks::DecodeStatus::Ok);
     EXPECT_EQ(state.kind, ks::datumKind);
     EXPECT_FALSE(state.isNull);
+    EXPECT_TRUE(state.policy);
     EXPECT_EQ(state.type, 23u);
     EXPECT_EQ(state.datum, 0x0102030405060708ull);
 }
@@ -64,7 +65,7 @@ TEST(KeepSingleLayout, DatumState)
 TEST(KeepSingleLayout, PayloadState)
 {
     std::vector<uint8_t> out(ks::headerSize + 2);
-    ks::writeHeader(out.data(), ks::payloadKind, false, ks::textType);
+    ks::writeHeader(out.data(), ks::payloadKind, false, false, ks::textType);
     out[6] = 'a';
     out[7] = 'b';
     EXPECT_EQ(out, (std::vector<uint8_t>{2, 0, 25, 0, 0, 0, 'a', 'b'}));
@@ -76,13 +77,15 @@ TEST(KeepSingleLayout, PayloadState)
 
     // A kept NULL text: kind 2 without payload.
     uint8_t nullText[ks::headerSize];
-    ks::writeHeader(nullText, ks::payloadKind, true, ks::textType);
+    ks::writeHeader(nullText, ks::payloadKind, true, true, ks::textType);
+    EXPECT_EQ(nullText[1], 3);  // NULL and policy
     ASSERT_EQ(ks::decodeState(nullText, sizeof nullText, state), ks::DecodeStatus::Ok);
     EXPECT_TRUE(state.isNull);
+    EXPECT_TRUE(state.policy);
     EXPECT_EQ(state.payloadLength, 0u);
 
     // Type oids above 255 are little-endian.
-    ks::writeHeader(nullText, ks::datumKind, false, 0x01020304u);
+    ks::writeHeader(nullText, ks::datumKind, false, false, 0x01020304u);
     EXPECT_EQ(nullText[2], 4);
     EXPECT_EQ(nullText[5], 1);
 }
@@ -109,9 +112,9 @@ TEST(KeepSingleLayout, DecodeErrors)
     }
     // A kind-1 state cannot carry a text or bytea value (its datum would be a dangling pointer).
     uint8_t textAsDatum[ks::datumStateSize] = {};
-    ks::writeHeader(textAsDatum, ks::datumKind, false, ks::textType);
+    ks::writeHeader(textAsDatum, ks::datumKind, false, false, ks::textType);
     EXPECT_EQ(ks::decodeState(textAsDatum, sizeof textAsDatum, state), ks::DecodeStatus::NotImplemented);
-    ks::writeHeader(textAsDatum, ks::datumKind, true, ks::byteaType);
+    ks::writeHeader(textAsDatum, ks::datumKind, true, false, ks::byteaType);
     EXPECT_EQ(ks::decodeState(textAsDatum, sizeof textAsDatum, state), ks::DecodeStatus::Ok);
 
     EXPECT_STREQ(ks::decodeMessage(ks::DecodeStatus::Empty), "zm_agg_keep_single_deserialfn empty bytea");

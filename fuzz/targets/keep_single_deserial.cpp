@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         }
         uint32_t type;
         std::memcpy(&type, data + 2, 4);
-        const bool isNull = data[1] != 0;
+        const bool isNull = (data[1] & ks::nullFlag) != 0;
+        const bool policy = (data[1] & ks::policyFlag) != 0;
         if (kind == ks::datumKind && !isNull && ks::valueKindOf(type) == ks::ValueKind::VariableLength)
         {
             // Its 8 bytes would be taken for a pointer to the value.
@@ -41,11 +42,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             return;
         }
         FUZZ_CHECK(status == ks::DecodeStatus::Ok);
-        FUZZ_CHECK(state.kind == kind && state.isNull == isNull && state.type == type);
+        FUZZ_CHECK(state.kind == kind && state.isNull == isNull && state.policy == policy && state.type == type);
 
-        // The serial layout again: the same bytes (isNull written as 0 or 1).
+        // The serial layout again: the same bytes (the flags byte without its unused bits).
         std::vector<uint8_t> again(size);
-        ks::writeHeader(again.data(), state.kind, state.isNull, state.type);
+        ks::writeHeader(again.data(), state.kind, state.isNull, state.policy, state.type);
         if (kind == ks::datumKind)
             ks::writeDatum(again.data(), state.datum);
         else
@@ -55,7 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
                 std::memcpy(again.data() + ks::headerSize, state.payload, state.payloadLength);
         }
         std::vector<uint8_t> expected(data, data + size);
-        expected[1] = isNull ? 1 : 0;
+        expected[1] = static_cast<uint8_t>(data[1] & (ks::nullFlag | ks::policyFlag));
         FUZZ_CHECK(again == expected);
 
         // A by-value datum in its canonical form stays there, and compares equal to itself.

@@ -3,10 +3,12 @@
 // Serialised state (the payload of a bytea, after its 4-byte length word; integers little-endian,
 // no padding):
 //   offset 0  1 byte   kind: 1 = an 8-byte datum follows, 2 = the bytes of a text/bytea value follow
-//   offset 1  1 byte   isNull (0 or 1)
+//   offset 1  1 byte   flags: bit 0 isNull, bit 1 policy
 //   offset 2  4 bytes  type oid
 //   offset 6  kind 1: the datum's 8 bytes; kind 2: the value's bytes without their length word
-// The policy is not serialised: a deserialised state always has policy false.
+// The policy travels with the state, so that the combine step compares the values of partial
+// states exactly as the transition compares rows: the answer does not depend on whether the plan
+// aggregates partially.
 //
 // No PostgreSQL dependency, so unit tests and fuzz targets cover the layout and the decoder.
 #pragma once
@@ -68,14 +70,16 @@ inline bool sameBytes(const void* a, size_t aLength, const void* b, size_t bLeng
 
 constexpr uint8_t datumKind = 1;
 constexpr uint8_t payloadKind = 2;
-constexpr size_t headerSize = 6;                      // kind, isNull, type
+constexpr size_t headerSize = 6;                      // kind, flags, type
+constexpr uint8_t nullFlag = 1;
+constexpr uint8_t policyFlag = 2;
 constexpr size_t datumStateSize = headerSize + 8;     // payload size of a kind-1 state
 
-// Writes kind, isNull and type at `out` (headerSize bytes).
-inline void writeHeader(uint8_t* out, uint8_t kind, bool isNull, uint32_t type)
+// Writes kind, flags and type at `out` (headerSize bytes).
+inline void writeHeader(uint8_t* out, uint8_t kind, bool isNull, bool policy, uint32_t type)
 {
     out[0] = kind;
-    out[1] = isNull ? 1 : 0;
+    out[1] = static_cast<uint8_t>((isNull ? nullFlag : 0) | (policy ? policyFlag : 0));
     for (int i = 0; i < 4; ++i)
         out[2 + i] = static_cast<uint8_t>(type >> (8 * i));
 }
@@ -110,6 +114,7 @@ struct DecodedState
 {
     uint8_t kind;
     bool isNull;
+    bool policy;
     uint32_t type;
     uint64_t datum;          // kind 1
     const uint8_t* payload;  // kind 2
@@ -139,7 +144,8 @@ inline DecodeStatus decodeState(const uint8_t* bytes, size_t length, DecodedStat
     {
         return DecodeStatus::NotImplemented;
     }
-    state.isNull = bytes[1] != 0;
+    state.isNull = (bytes[1] & nullFlag) != 0;
+    state.policy = (bytes[1] & policyFlag) != 0;
     for (int i = 0; i < 4; ++i)
         state.type |= static_cast<uint32_t>(bytes[2 + i]) << (8 * i);
     if (state.kind == datumKind)

@@ -212,7 +212,7 @@ extern "C" Datum zm_agg_keep_single_combinefn(PG_FUNCTION_ARGS)
     PG_RETURN_POINTER(result);
 }
 
-// Writes the state as kind 1 (datum) or kind 2 (text/bytea bytes); the policy is not kept.
+// Writes the state as kind 1 (datum) or kind 2 (text/bytea bytes), with its policy.
 extern "C" Datum zm_agg_keep_single_serialfn(PG_FUNCTION_ARGS)
 {
     namespace ks = zm::keepSingle;
@@ -224,14 +224,14 @@ extern "C" Datum zm_agg_keep_single_serialfn(PG_FUNCTION_ARGS)
     {
         result = zm::pg::allocateBytea(ks::datumStateSize);
         uint8_t* out = reinterpret_cast<uint8_t*>(VARDATA(result));
-        ks::writeHeader(out, ks::datumKind, state->isNull, state->type);
+        ks::writeHeader(out, ks::datumKind, state->isNull, state->policy, state->type);
         ks::writeDatum(out, static_cast<uint64_t>(state->value));
     }
     else if (state->isNull)
     {
         // No value to write: a kind-2 state without payload.
         result = zm::pg::allocateBytea(ks::headerSize);
-        ks::writeHeader(reinterpret_cast<uint8_t*>(VARDATA(result)), ks::payloadKind, true, state->type);
+        ks::writeHeader(reinterpret_cast<uint8_t*>(VARDATA(result)), ks::payloadKind, true, state->policy, state->type);
     }
     else
     {
@@ -239,14 +239,14 @@ extern "C" Datum zm_agg_keep_single_serialfn(PG_FUNCTION_ARGS)
         const size_t length = VARSIZE(kept) - VARHDRSZ;
         result = zm::pg::allocateBytea(length + ks::headerSize);
         uint8_t* out = reinterpret_cast<uint8_t*>(VARDATA(result));
-        ks::writeHeader(out, ks::payloadKind, false, state->type);
+        ks::writeHeader(out, ks::payloadKind, false, state->policy, state->type);
         if (length)
             memcpy(out + ks::headerSize, VARDATA(kept), length);
     }
     PG_RETURN_BYTEA_P(result);
 }
 
-// Rebuilds a state from its serialised form, with policy false.
+// Rebuilds a state from its serialised form.
 extern "C" Datum zm_agg_keep_single_deserialfn(PG_FUNCTION_ARGS)
 {
     namespace ks = zm::keepSingle;
@@ -261,6 +261,7 @@ extern "C" Datum zm_agg_keep_single_deserialfn(PG_FUNCTION_ARGS)
         ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "%s", ks::decodeMessage(status));
     state->type = decoded.type;
     state->isNull = decoded.isNull;
+    state->policy = decoded.policy;
     if (decoded.kind == ks::datumKind)
     {
         state->value = static_cast<Datum>(ks::canonicalDatum(decoded.type, decoded.datum));

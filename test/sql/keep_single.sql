@@ -113,14 +113,15 @@ CREATE FUNCTION keep_single_serialised_state(internal) RETURNS bytea
 AS '$libdir/libKestravaPgRangeOperators3_0', 'zm_agg_keep_single_serialfn' LANGUAGE C STRICT;
 CREATE AGGREGATE keep_single_serialised(anyelement) (
   SFUNC = zm_agg_keep_single_transfn, STYPE = internal, FINALFUNC = keep_single_serialised_state);
--- kind 1: length word, kind, isNull, type oid, 8-byte datum (little-endian): 18 bytes
+-- kind 1: length word, kind, flags (bit 0 NULL, bit 1 policy), type oid, 8-byte datum (little-endian):
+-- 18 bytes
 SELECT s, octet_length(s) + 4 AS total_size
 FROM (SELECT keep_single_serialised(5) AS s UNION ALL SELECT keep_single_serialised(-1)
       UNION ALL SELECT keep_single_serialised(true) UNION ALL SELECT keep_single_serialised((-2)::int2)
       UNION ALL SELECT keep_single_serialised(72623859790382856::int8)
       UNION ALL SELECT keep_single_serialised(-0.0::float8) UNION ALL SELECT keep_single_serialised(1::float4)
       UNION ALL SELECT keep_single_serialised(NULL::int4) UNION ALL SELECT keep_single_serialised(NULL::numeric)) v;
--- kind 2: length word, kind, isNull, type oid, the value's bytes
+-- kind 2: length word, kind, flags, type oid, the value's bytes
 SELECT s, octet_length(s) + 4 AS total_size
 FROM (SELECT keep_single_serialised('ab'::text) AS s UNION ALL SELECT keep_single_serialised('\x00ff'::bytea)
       UNION ALL SELECT keep_single_serialised(''::text) UNION ALL SELECT keep_single_serialised(NULL::text)

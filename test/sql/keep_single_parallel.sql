@@ -119,5 +119,22 @@ RESET parallel_setup_cost;
 RESET parallel_tuple_cost;
 RESET min_parallel_table_scan_size;
 RESET max_parallel_workers_per_gather;
+
+-- Rows that disagree only across partial states: each partition holds one value. The partial states
+-- carry their policy, so the combine step compares them as the serial plan compares the rows.
+CREATE TABLE keep_single_parts (p int, v int4, t text) PARTITION BY LIST (p);
+CREATE TABLE keep_single_parts_1 PARTITION OF keep_single_parts FOR VALUES IN (1);
+CREATE TABLE keep_single_parts_2 PARTITION OF keep_single_parts FOR VALUES IN (2);
+INSERT INTO keep_single_parts SELECT p, p, 'value ' || p FROM generate_series(1, 2) p, generate_series(1, 100);
+SET enable_partitionwise_aggregate = on;
+EXPLAIN (COSTS OFF) SELECT agg_keep_single(v) FROM keep_single_parts;
+SELECT agg_keep_single(v) FROM keep_single_parts;
+SELECT agg_keep_single(t, true) FROM keep_single_parts;
+SELECT agg_keep_single(v, false) IN (1, 2) AS one_of_them FROM keep_single_parts;
+SELECT agg_keep_single(v) FROM keep_single_parts WHERE p = 2;
+RESET enable_partitionwise_aggregate;
+SELECT agg_keep_single(v) FROM keep_single_parts;
+SELECT agg_keep_single(t, true) FROM keep_single_parts;
+DROP TABLE keep_single_parts;
 DROP TABLE keep_single_par, keep_single_par_toast, keep_single_par_empty, keep_single_par_mismatch,
            keep_single_par_toast_mismatch;
