@@ -3,7 +3,9 @@
 set -euo pipefail
 
 PROJECT_ROOT=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
-PG_BINDIR=/usr/lib/postgresql/15/bin
+# The server's programs; KESTRAVA_PG_BINDIR (or setting PG_BINDIR before start_throwaway_server)
+# selects another build, such as scripts/cassert.sh's.
+PG_BINDIR=${KESTRAVA_PG_BINDIR:-/usr/lib/postgresql/15/bin}
 export PATH="$PG_BINDIR:$PATH"
 
 log() { printf '==> %s\n' "$*" >&2; }
@@ -67,8 +69,8 @@ start_throwaway_server() {
     export PGUSER=$(as_server_user id -un) PGDATABASE=postgres
     export SERVER_LOG="$THROWAWAY_DIR/server.log"
     log "starting a throwaway server in $THROWAWAY_DIR"
-    as_server_user initdb -D "$THROWAWAY_DIR/data" --auth=trust --no-sync -E UTF8 --locale=C.UTF-8 >/dev/null
-    as_server_user pg_ctl -D "$THROWAWAY_DIR/data" -l "$SERVER_LOG" -w -o \
+    as_server_user "$PG_BINDIR/initdb" -D "$THROWAWAY_DIR/data" --auth=trust --no-sync -E UTF8 --locale=C.UTF-8 >/dev/null
+    as_server_user "$PG_BINDIR/pg_ctl" -D "$THROWAWAY_DIR/data" -l "$SERVER_LOG" -w -o \
         "-c listen_addresses='' -c unix_socket_directories='$THROWAWAY_DIR' -p $PGPORT -c fsync=off -c max_worker_processes=8 -c max_parallel_workers=8 -c log_line_prefix='%m [%p] '" \
         start >/dev/null 9>&-
 }
@@ -76,7 +78,7 @@ start_throwaway_server() {
 stop_throwaway_server() {
     local status=$?
     if [ -n "${THROWAWAY_DIR:-}" ] && [ -d "$THROWAWAY_DIR" ]; then
-        as_server_user pg_ctl -D "$THROWAWAY_DIR/data" -m immediate stop >/dev/null 2>&1 || true
+        as_server_user "$PG_BINDIR/pg_ctl" -D "$THROWAWAY_DIR/data" -m immediate stop >/dev/null 2>&1 || true
         if grep -q 'terminated by signal' "$SERVER_LOG" 2>/dev/null; then
             log "the server log shows a backend terminated by a signal:"
             grep -B2 -A2 'terminated by signal' "$SERVER_LOG" >&2
