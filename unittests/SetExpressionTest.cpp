@@ -45,7 +45,7 @@ struct ThrowingErrors
     [[noreturn]] static void closeRootGroup() { throw SetExpressionFailure{Failure::CloseRoot, 0}; }
     [[noreturn]] static void maxDepthReached() { throw SetExpressionFailure{Failure::MaxDepth, 0}; }
     [[noreturn]] static void unknownOperation(int32_t id) { throw SetExpressionFailure{Failure::UnknownOperation, id}; }
-    [[noreturn]] static void oddOperandLength() { throw SetExpressionFailure{Failure::OddLength, 0}; }
+    [[noreturn]] static void oddOperandLength(int32_t) { throw SetExpressionFailure{Failure::OddLength, 0}; }
 };
 
 // Counts allocations so that the steady state can be shown to allocate nothing.

@@ -17,7 +17,7 @@ struct Errors
     [[noreturn]] static void closeRootGroup() { throw fuzz::FuzzError{fuzz::policyError}; }
     [[noreturn]] static void maxDepthReached() { throw fuzz::FuzzError{fuzz::policyError}; }
     [[noreturn]] static void unknownOperation(int32_t) { throw fuzz::FuzzError{fuzz::policyError}; }
-    [[noreturn]] static void oddOperandLength() { throw fuzz::FuzzError{fuzz::policyError}; }
+    [[noreturn]] static void oddOperandLength(int32_t) { throw fuzz::FuzzError{fuzz::policyError}; }
 };
 
 using Expression = ra::SetExpression<void*, fuzz::Allocator, Errors>;

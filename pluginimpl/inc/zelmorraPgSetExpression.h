@@ -79,7 +79,7 @@ struct Int4RangeOpData
 //   static void closeRootGroup();                "try to close root parenthesis group"
 //   static void maxDepthReached();               "reach max parenthesis group depth"
 //   static void unknownOperation(int32_t id);    "Unknown operation id %i"
-//   static void oddOperandLength();              "array length should be even"
+//   static void oddOperandLength(int32_t count); "array length should be even"
 // Interrupts: see zelmorraPgRangeArray.h (each operand's walk checks every 2^20 steps).
 template <typename Context, typename Allocator, typename Errors,
           typename Interrupts = typename InterruptPolicyOf<Allocator>::type>
@@ -169,7 +169,7 @@ struct SetExpression
             operation = Union;
         }
         if (count % 2 != 0)
-            Errors::oddOperandLength();
+            Errors::oddOperandLength(count);
         const Range<int>* first = reinterpret_cast<const Range<int>*>(elements);
         addToCurrentGroup(state, state.depth, operation, first, first + count / 2);
     }

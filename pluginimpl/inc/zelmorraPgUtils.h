@@ -17,6 +17,7 @@ extern "C" {
 #include "utils/memutils.h"
 }
 
+#include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 
@@ -37,13 +38,36 @@ extern "C" {
 #define ZM_ERROR(sqlstate, line, function, ...) \
     ::zm::pg::raiseError((sqlstate), __FILE__, (line), (function), __VA_ARGS__)
 
+// The same with a fixed message and a DETAIL line formatted from the remaining arguments, for
+// reports whose message alone does not say what was wrong (which argument, which value).
+#define ZM_ERROR_DETAIL(sqlstate, line, function, message, ...) \
+    ::zm::pg::raiseErrorWithDetail((sqlstate), __FILE__, (line), (function), (message), __VA_ARGS__)
+
 namespace zm {
 namespace pg {
 
 // The one way out for every failure: an ERROR report with this SQLSTATE, reported source file,
-// line and function name. `format` may be null for a report without message text.
+// line and function name, message, and optional DETAIL and HINT. A report without message text
+// (out of memory) carries an empty message, and its DETAIL says "out of memory".
+[[noreturn]] void raiseReport(int sqlstate, const char* file, int line, const char* function, const char* message,
+                              const char* detail, const char* hint);
+
+// raiseReport with the message formatted from `format` (null: no message text) and no HINT.
 [[noreturn]] void raiseError(int sqlstate, const char* file, int line, const char* function, const char* format,
                              ...) pg_attribute_printf(5, 6);
+
+// raiseReport with a fixed message and the DETAIL formatted from `detailFormat`.
+[[noreturn]] void raiseErrorWithDetail(int sqlstate, const char* file, int line, const char* function,
+                                       const char* message, const char* detailFormat, ...) pg_attribute_printf(6, 7);
+
+// The out-of-memory report of an allocation helper, with the size it asked for in its DETAIL.
+[[noreturn]] void raiseOutOfMemory(const char* file, int line, const char* function, size_t requestedBytes);
+
+// DETAIL of a result too large for an int4[]: how many elements it would have held (uint64_t).
+#define ZM_OVERSIZED_DETAIL "The result would hold %" PRIu64 " elements; an array holds at most 2147483647."
+
+// DETAIL of an odd range array: which argument, and how many elements it has.
+#define ZM_ODD_RANGE_ARRAY_DETAIL "Argument %d has an odd element count (%d); a range array holds lower and upper bounds in pairs."
 
 // Writes one diagnostic line to standard output.
 void writeDiagnosticLine(const char* line);
@@ -96,7 +120,7 @@ ArrayType* allocateResultArray(size_t n, bool zeroFill = true)
     const int flags = MCXT_ALLOC_NO_OOM | (zeroFill ? MCXT_ALLOC_ZERO : 0);
     void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, flags) : nullptr;
     if (block == nullptr)
-        raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", nullptr);
+        raiseOutOfMemory("pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", bytes);
     ArrayType* array = static_cast<ArrayType*>(block);
     SET_VARSIZE(array, bytes);
     array->ndim = 1;
@@ -118,7 +142,7 @@ ArrayType* allocateResultArrayForOverwrite(size_t n)
     const size_t bytes = ARR_OVERHEAD_NONULLS(1) + n * sizeof(T);
     void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, MCXT_ALLOC_NO_OOM) : nullptr;
     if (block == nullptr)
-        raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", nullptr);
+        raiseOutOfMemory("pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", bytes);
     ArrayType* array = static_cast<ArrayType*>(block);
     SET_VARSIZE(array, bytes);
     array->ndim = 1;

@@ -13,6 +13,7 @@ extern "C" {
 #include "access/gist.h"
 #include "access/stratnum.h"
 #include "miscadmin.h"
+#include "utils/builtins.h"
 #include "utils/rel.h"
 #include "utils/sortsupport.h"
 }
@@ -46,11 +47,13 @@ Range<int> entryKey(const GISTENTRY& entry) { return unpackRange(DatumGetInt64(e
 __attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key, const char* function)
 {
     ArrayType* array = zm::pg::detoastArray(query);
+    const char* const message = "accept only int4[] with an even size";
     if (ARR_ELEMTYPE(array) != INT4OID)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, "accept only int4[] with an even size");
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, message, "Argument 2 has elements of type %s.",
+                        format_type_be(ARR_ELEMTYPE(array)));
     const zm::pg::Int4ArrayView ranges = zm::pg::viewInt4Array(array);
     if (ranges.count % 2 != 0)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, "accept only int4[] with an even size");
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, message, ZM_ODD_RANGE_ARRAY_DETAIL, 2, ranges.count);
     return zm::pgRangeArray::rangeArrayQueryConsistent<zm::pg::ServerInterruptCheck>(key, ranges.rangesBegin(), ranges.rangesEnd());
 }
 

@@ -27,6 +27,26 @@ extern "C" Datum kestrava_range_operators_version(PG_FUNCTION_ARGS)
 namespace zm {
 namespace pg {
 
+void raiseReport(int sqlstate, const char* file, int line, const char* function, const char* message, const char* detail,
+                 const char* hint)
+{
+    if (message == nullptr && detail == nullptr && sqlstate == ZM_SQLSTATE_OUT_OF_MEMORY)
+        detail = "out of memory";
+    if (errstart(ERROR, TEXTDOMAIN))
+    {
+        errcode(sqlstate);
+        // A report without text still carries an empty message: PL/pgSQL exception handlers read
+        // the message unconditionally and crash on a missing one.
+        errmsg_internal("%s", message ? message : "");
+        if (detail)
+            errdetail_internal("%s", detail);
+        if (hint)
+            errhint("%s", hint);
+        errfinish(file, line, function);
+    }
+    pg_unreachable();
+}
+
 void raiseError(int sqlstate, const char* file, int line, const char* function, const char* format, ...)
 {
     char message[512];
@@ -37,15 +57,25 @@ void raiseError(int sqlstate, const char* file, int line, const char* function, 
         vsnprintf(message, sizeof message, format, args);
         va_end(args);
     }
-    if (errstart(ERROR, TEXTDOMAIN))
-    {
-        errcode(sqlstate);
-        // A report without text still carries an empty message: PL/pgSQL exception handlers read
-        // the message unconditionally and crash on a missing one.
-        errmsg_internal("%s", format ? message : "");
-        errfinish(file, line, function);
-    }
-    pg_unreachable();
+    raiseReport(sqlstate, file, line, function, format ? message : nullptr, nullptr, nullptr);
+}
+
+void raiseErrorWithDetail(int sqlstate, const char* file, int line, const char* function, const char* message,
+                          const char* detailFormat, ...)
+{
+    char detail[512];
+    va_list args;
+    va_start(args, detailFormat);
+    vsnprintf(detail, sizeof detail, detailFormat, args);
+    va_end(args);
+    raiseReport(sqlstate, file, line, function, message, detail, nullptr);
+}
+
+void raiseOutOfMemory(const char* file, int line, const char* function, size_t requestedBytes)
+{
+    raiseErrorWithDetail(ZM_SQLSTATE_OUT_OF_MEMORY, file, line, function, nullptr,
+                         "out of memory: %zu bytes requested; the server allocates at most %zu in one piece.", requestedBytes,
+                         static_cast<size_t>(MaxAllocSize));
 }
 
 void writeDiagnosticLine(const char* line)
@@ -65,7 +95,7 @@ bytea* allocateBytea(size_t size)
     const size_t total = size + VARHDRSZ;
     void* block = total <= MaxAllocSize ? palloc_extended(total, MCXT_ALLOC_NO_OOM) : nullptr;
     if (block == nullptr)
-        raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, "pluginimpl/inc/zelmorraPgUtils.h", 54, "allocateBytea", nullptr);
+        raiseOutOfMemory("pluginimpl/inc/zelmorraPgUtils.h", 54, "allocateBytea", total);
     bytea* result = static_cast<bytea*>(block);
     SET_VARSIZE(result, total);
     return result;

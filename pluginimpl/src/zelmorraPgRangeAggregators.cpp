@@ -1,6 +1,10 @@
 // Range-array set operators and the aggregates built on the range algorithms.
 #include "zelmorraPgUtils.h"
 
+extern "C" {
+#include "nodes/primnodes.h"
+}
+
 using zm::pg::Int4ArrayView;
 using zm::pg::RangeVector;
 using zm::pgRangeArray::Range;
@@ -22,7 +26,8 @@ Int4ArrayView readRangeArrayArgument(FunctionCallInfo fcinfo, int argument, int 
 {
     Int4ArrayView view = zm::pg::viewInt4Array(PG_GETARG_ARRAYTYPE_P(argument));
     if (view.count % 2 != 0)
-        ZM_ERROR(ZM_SQLSTATE_DATATYPE_MISMATCH, line, function, "%s", LENGTH_NOT_EVEN);
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_DATATYPE_MISMATCH, line, function, LENGTH_NOT_EVEN, ZM_ODD_RANGE_ARRAY_DETAIL,
+                        argument + 1, view.count);
     return view;
 }
 
@@ -135,9 +140,17 @@ ArrayDataType ArrayDataTypeFromChar(char letter)
         case 'r': return ArrayDataTypeRange;
         case 's': return ArrayDataTypeScalar;
         case 'm': return ArrayDataTypeMix;
-        default:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", "int4_agg array type should be 'r','s' or 'm'");
+        default: break;
     }
+    const char* const message = "int4_agg array type should be 'r','s' or 'm'";
+    const unsigned char byte = static_cast<unsigned char>(letter);
+    if (byte == 0)
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", message, "%s",
+                        "Received no letter (NULL or an empty \"char\").");
+    if (byte < 0x20 || byte >= 0x7f)
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", message, "Received the byte 0x%02x.", byte);
+    ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", message,
+                    "Received '%c'; letters are case-sensitive.", letter);
 }
 
 }  // namespace pgRangeArray
@@ -170,9 +183,46 @@ struct SetExpressionErrors
     {
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "addToCurrentGroup", "Unknown operation id %i", id);
     }
-    [[noreturn]] static void oddOperandLength()
+    [[noreturn]] static void oddOperandLength(int32_t count)
     {
-        ZM_ERROR(ZM_SQLSTATE_DATATYPE_MISMATCH, __LINE__, "addValue", "%s", LENGTH_NOT_EVEN);
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_DATATYPE_MISMATCH, __LINE__, "addValue", LENGTH_NOT_EVEN, ZM_ODD_RANGE_ARRAY_DETAIL, 2,
+                        count);
+    }
+};
+
+// A call without ORDER BY inside its parentheses applies the rows in the order the plan delivers
+// them, which is rarely what an expression of groups needs: its errors say so, and how to fix it.
+void hintRowOrder(void*)
+{
+    const int code = geterrcode();
+    if (code == ERRCODE_QUERY_CANCELED || code == ZM_SQLSTATE_OUT_OF_MEMORY)
+        return;
+    errhint("zm_int4range_op applies its rows in the order they arrive, which the plan chooses; order them inside "
+            "the call: zm_int4range_op(op, operand ORDER BY ...).");
+}
+
+// Installs hintRowOrder for the errors of this call when the aggregate has no ORDER BY; the
+// server's error recovery drops it with the rest of the error context stack.
+struct RowOrderHint
+{
+    ErrorContextCallback callback;
+    bool installed;
+
+    void install(FunctionCallInfo fcinfo)
+    {
+        const Aggref* aggref = AggGetAggref(fcinfo);
+        installed = aggref != nullptr && aggref->aggorder == NIL;
+        if (!installed)
+            return;
+        callback.callback = hintRowOrder;
+        callback.arg = nullptr;
+        callback.previous = error_context_stack;
+        error_context_stack = &callback;
+    }
+    void remove()
+    {
+        if (installed)
+            error_context_stack = callback.previous;
     }
 };
 
@@ -238,15 +288,20 @@ ArrayType* copySetExpressionResult(const ArrayType* array, MemoryContext context
 extern "C" Datum zm_int4range_op_transfn(PG_FUNCTION_ARGS)
 {
     const char* const function = "zm_int4range_op_transfn";
+    MemoryContext aggregateContext = zm::pg::aggregateContext(fcinfo, function);
+    RowOrderHint hint;
+    hint.install(fcinfo);
     if (PG_ARGISNULL(1))
         ZM_ERROR(ZM_SQLSTATE_SET_EXPRESSION, __LINE__, function, "null operation is not now allowed");
-    MemoryContext aggregateContext = zm::pg::aggregateContext(fcinfo, function);
     SetExpressionAggState* state =
         PG_ARGISNULL(0) ? nullptr : reinterpret_cast<SetExpressionAggState*>(PG_GETARG_POINTER(0));
     if (state == nullptr)
         state = createSetExpressionState(aggregateContext);
     if (PG_ARGISNULL(2))
+    {
+        hint.remove();
         PG_RETURN_POINTER(state);
+    }
 
     alignas(8) char scratch[SetExpressionScratchSize];
     const Int4ArrayView operand = zm::pg::viewInt4Array(setExpressionOperand(PG_GETARG_DATUM(2), scratch));
@@ -256,6 +311,7 @@ extern "C" Datum zm_int4range_op_transfn(PG_FUNCTION_ARGS)
     MemoryContext caller = MemoryContextSwitchTo(state->data.context);
     SetExpression::addValue(state->data, opCode, operand.data, operand.count);
     MemoryContextSwitchTo(caller);
+    hint.remove();
     PG_RETURN_POINTER(state);
 }
 
@@ -272,11 +328,15 @@ extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
         PG_RETURN_ARRAYTYPE_P(copySetExpressionResult(state->finalResult, CurrentMemoryContext));
 
     // Runs in the caller's context: a buffer that grows here is released with the others below.
+    RowOrderHint hint;
+    hint.install(fcinfo);
     SetExpression::closeAllGroups(state->data);
     const SetExpression::Buffer& root = SetExpression::rootValue(state->data);
     if (root.size > static_cast<size_t>(INT32_MAX / 2))
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "zm_int4range_op_finalfn", "array overflow ");
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "zm_int4range_op_finalfn", "array overflow ", ZM_OVERSIZED_DETAIL,
+                        2 * static_cast<uint64_t>(root.size));
     ArrayType* result = zm::pg::rangesToArray(root.data, root.size);
+    hint.remove();
     state->finalResult = copySetExpressionResult(result, GetMemoryChunkContext(state));
 
     MemoryContext context = state->data.context;
@@ -332,12 +392,14 @@ using zm::SetAggStatus;
 using zm::pg::Int4ToSetOpDataSet;
 
 // Reports a failed state operation; called after the caller's memory context is restored.
-[[noreturn]] void raiseSetAggStatus(SetAggStatus status)
+// `rowElements` is the element count of the row's set (for an odd range array).
+[[noreturn]] void raiseSetAggStatus(SetAggStatus status, int32_t rowElements = 0)
 {
     switch (status)
     {
         case SetAggStatus::NotRangeArray:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn input is not a range array");
+            ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn input is not a range array",
+                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, rowElements);
         case SetAggStatus::NotImplemented:
             ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn not implemented");
         case SetAggStatus::CombineMismatch:
@@ -444,7 +506,7 @@ Datum int4SetAggTransition(FunctionCallInfo fcinfo, bool letterGivesInput)
     }
     MemoryContextSwitchTo(caller);
     if (status != SetAggStatus::Ok)
-        raiseSetAggStatus(status);
+        raiseSetAggStatus(status, set.count);
     PG_RETURN_POINTER(state);
 }
 
@@ -473,7 +535,8 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
         case zm::setAggType::Range:
         {
             if (state->ranges.size > static_cast<size_t>(INT32_MAX) / 2)
-                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
+                ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ", ZM_OVERSIZED_DETAIL,
+                                2 * static_cast<uint64_t>(state->ranges.size));
             result = zm::pg::rangesToArray(state->ranges.data, state->ranges.size);
             break;
         }
@@ -481,7 +544,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
         {
             const uint64_t count = state->scalarCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
-                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
+                ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow", ZM_OVERSIZED_DETAIL, count);
             result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeScalar(zm::pg::int4Data(result));
             break;
@@ -490,7 +553,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
         {
             const uint64_t count = state->mixElementCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
-                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow");
+                ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow", ZM_OVERSIZED_DETAIL, count);
             result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeMix(zm::pg::int4Data(result));
             break;
@@ -500,8 +563,6 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
     }
 
     // The state stays for the aggregate's memory context to reclaim: see the comment above.
-    if (result == nullptr)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_finalfn internal error");
     PG_RETURN_ARRAYTYPE_P(result);
 }
 
@@ -590,8 +651,9 @@ using zm::OptimizedAggStatus;
 using zm::pg::Int4ToSetOpDataOptimized;
 
 // Reports a failed state operation; called after the caller's memory context is restored.
-// `value` is the offending single value, `top` the largest accepted value.
-[[noreturn]] void raiseOptimizedStatus(OptimizedAggStatus status, int32_t value, int32_t top)
+// `value` is the offending single value, `top` the largest accepted value, `rowElements` the
+// element count of the row's set (for an odd range array).
+[[noreturn]] void raiseOptimizedStatus(OptimizedAggStatus status, int32_t value, int32_t top, int32_t rowElements = 0)
 {
     switch (status)
     {
@@ -606,7 +668,8 @@ using zm::pg::Int4ToSetOpDataOptimized;
             ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange",
                      "int4set_agg_optimized input scalar is out of range [0;%i]", top);
         case OptimizedAggStatus::NotRangeArray:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized input is not a range array");
+            ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized input is not a range array",
+                            ZM_ODD_RANGE_ARRAY_DETAIL, 3, rowElements);
         case OptimizedAggStatus::NotImplemented:
             ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_optimized_transfn not implemented");
         case OptimizedAggStatus::CombineMismatch:
@@ -662,6 +725,7 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
     // context.
     OptimizedAggStatus status = OptimizedAggStatus::Ok;
     int32_t value = 0;
+    int32_t rowElements = 0;
     const int32_t input = state->inputType;
     if (input == zm::setAggType::SingleValue)
     {
@@ -681,6 +745,7 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
         if (argumentGiven(fcinfo, 2))
         {
             const zm::pg::Int4ArrayView set = zm::pg::viewInt4Array(zm::pg::detoastArray(PG_GETARG_DATUM(2)));
+            rowElements = set.count;
             const size_t count = static_cast<size_t>(set.count);
             if (input == zm::setAggType::Scalar)
                 status = state->addScalarArray(set.data, count);
@@ -693,7 +758,7 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
     else
         status = OptimizedAggStatus::NotImplemented;
     if (status != OptimizedAggStatus::Ok)
-        raiseOptimizedStatus(status, value, state->maxAccepted());
+        raiseOptimizedStatus(status, value, state->maxAccepted(), rowElements);
 }
 
 Datum zm_int4set_agg_optimized_transfn_impl(FunctionCallInfo fcinfo, bool letterGivesInput)
@@ -727,7 +792,6 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
         PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
     state->flush();
 
-    ArrayType* result = nullptr;
     uint64_t count = 0;
     switch (state->outputType)
     {
@@ -744,8 +808,8 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
             ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn not implemented");
     }
     if (count > static_cast<uint64_t>(INT32_MAX))
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ");
-    result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));  // the writers fill all of it
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ", ZM_OVERSIZED_DETAIL, count);
+    ArrayType* result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));  // the writers fill all of it
     int32_t* out = zm::pg::int4Data(result);
     if (state->outputType == zm::setAggType::Scalar)
         state->writeScalar(out);
@@ -755,8 +819,6 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
         state->writeMix(out);
 
     // The state stays for the aggregate's memory context to reclaim, as for zm_int4set_agg.
-    if (result == nullptr)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn internal error");
     PG_RETURN_ARRAYTYPE_P(result);
 }
 

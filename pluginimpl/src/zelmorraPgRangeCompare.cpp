@@ -41,7 +41,8 @@ extern "C" Datum zm_int4range_overlap_rangearray(PG_FUNCTION_ARGS)
     const Int4ArrayView a = zm::pg::viewInt4Array(PG_GETARG_ARRAYTYPE_P(0));
     const Int4ArrayView b = zm::pg::viewInt4Array(PG_GETARG_ARRAYTYPE_P(1));
     if (a.count % 2 != 0 || b.count % 2 != 0)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 123, "zm_int4range_overlap_rangearray", "%s", INVALID_RANGE_ARRAY);
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, 123, "zm_int4range_overlap_rangearray", INVALID_RANGE_ARRAY,
+                        ZM_ODD_RANGE_ARRAY_DETAIL, a.count % 2 != 0 ? 1 : 2, a.count % 2 != 0 ? a.count : b.count);
     if (a.rangeCount() == 1)
         PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(*a.rangesBegin(), b.rangesBegin(),
                                                                                              b.rangesEnd())));
@@ -60,7 +61,8 @@ extern "C" Datum zm_int4rangepacked_in_rangearray(PG_FUNCTION_ARGS)
     if (!ranges.oneDimensionalWithoutNulls)
         PG_RETURN_BOOL(false);
     if (ranges.count % 2 != 0)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 164, "zm_int4rangepacked_in_rangearray", "%s", INVALID_RANGE_ARRAY);
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, 164, "zm_int4rangepacked_in_rangearray", INVALID_RANGE_ARRAY,
+                        ZM_ODD_RANGE_ARRAY_DETAIL, 2, ranges.count);
     PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(packed, ranges.rangesBegin(), ranges.rangesEnd())));
 }
 
@@ -181,8 +183,10 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
         return true;
     case zm::BitFieldSetTest::OddRangeCount:
         if (included)
-            ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", "%s", INVALID_RANGEARRAY_COUNT);
+            ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", INVALID_RANGEARRAY_COUNT,
+                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", INVALID_RANGEARRAY_COUNT,
+                        ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
     case zm::BitFieldSetTest::UnsupportedKind:
         break;
     }

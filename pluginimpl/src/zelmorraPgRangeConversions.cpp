@@ -35,7 +35,8 @@ extern "C" Datum zm_range_pack(PG_FUNCTION_ARGS)
     else
         ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_range_pack", "accept only int4[] with a size of 2 or 2 int4");
     if (lower > upper)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_range_pack", "invalid range");
+        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_range_pack", "invalid range",
+                        "The lower bound %d is above the upper bound %d.", lower, upper);
     PG_RETURN_INT64(zm::pgRangeArray::packRange(lower, upper));
 }
 
@@ -73,10 +74,18 @@ struct ServerInterrupts
 // Largest int4[] the server can allocate in one piece.
 constexpr size_t maxInt4ArrayLength = (MaxAllocSize - ARR_OVERHEAD_NONULLS(1)) / sizeof(int32_t);
 
-[[noreturn]] void raiseStatus(setConversion::Status status, int line, const char* function)
+// `inputElements`: the element count of the set argument (argument 2), for an odd range array.
+[[noreturn]] void raiseStatus(setConversion::Status status, int line, const char* function, int32_t inputElements)
 {
-    const int sqlstate = status == setConversion::Status::OddRangeCount ? ZM_SQLSTATE_INVALID_BINARY : ZM_SQLSTATE_VALUE_ERROR;
-    raiseError(sqlstate, __FILE__, line, function, "%s", setConversion::statusMessage(status));
+    using setConversion::Status;
+    const char* const message = setConversion::statusMessage(status);
+    if (status == Status::OddRangeCount)
+        raiseErrorWithDetail(ZM_SQLSTATE_INVALID_BINARY, __FILE__, line, function, message, ZM_ODD_RANGE_ARRAY_DETAIL, 2,
+                             inputElements);
+    if (status == Status::ArrayOverflow || status == Status::MixArrayOverflow)
+        raiseErrorWithDetail(ZM_SQLSTATE_VALUE_ERROR, __FILE__, line, function, message,
+                             "The result would hold more than 2147483647 elements, the most an array holds.");
+    raiseError(ZM_SQLSTATE_VALUE_ERROR, __FILE__, line, function, "%s", message);
 }
 
 ArrayType* checkedInt4Argument(FunctionCallInfo fcinfo, int argument, const char* function)
@@ -88,12 +97,12 @@ ArrayType* checkedInt4Argument(FunctionCallInfo fcinfo, int argument, const char
 }
 
 template <typename Vector>
-ArrayType* finishVector(Vector& out, setConversion::Status status, const char* function)
+ArrayType* finishVector(Vector& out, setConversion::Status status, const char* function, int32_t inputElements)
 {
     if (status != setConversion::Status::Ok)
     {
         out.release();
-        raiseStatus(status, __LINE__, function);
+        raiseStatus(status, __LINE__, function, inputElements);
     }
     ArrayType* result;
     if constexpr (std::is_same_v<Vector, RangeVector>)
@@ -136,41 +145,41 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
         RangeVector out;
         out.init(zm::setConversion::initialCapacity);
         const Status status = zm::setConversion::scalarToRanges(input.data, count, out);
-        result = finishVector(out, status, function);
+        result = finishVector(out, status, function, input.count);
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         Int4Vector out;
         out.init(std::max(zm::setConversion::initialCapacity, count / 2 + 2));
         const Status status = zm::setConversion::scalarToMix(input.data, count, out);
-        result = finishVector(out, status, function);
+        result = finishVector(out, status, function, input.count);
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeRange && to == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         const Status status = zm::setConversion::rangesToScalars<ServerInterrupts>(input.data, count, makeOutput);
         if (status != Status::Ok)
-            raiseStatus(status, __LINE__, function);
+            raiseStatus(status, __LINE__, function, input.count);
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeRange)
     {
         Int4Vector out;
         out.init(zm::setConversion::initialCapacity);
         const Status status = zm::setConversion::rangesToMix(input.data, count, out);
-        result = finishVector(out, status, function);
+        result = finishVector(out, status, function, input.count);
     }
     else if (to == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         const Status status =
             zm::setConversion::mixToScalars<ServerInterrupts>(input.data, count, maxInt4ArrayLength, makeOutput);
         if (status != Status::Ok)
-            raiseStatus(status, __LINE__, function);
+            raiseStatus(status, __LINE__, function, input.count);
     }
     else
     {
         RangeVector out;
         out.init(zm::setConversion::initialCapacity);
         const Status status = zm::setConversion::mixToRanges(input.data, count, out);
-        result = finishVector(out, status, function);
+        result = finishVector(out, status, function, input.count);
     }
     PG_RETURN_ARRAYTYPE_P(result);
 }
@@ -266,8 +275,9 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
     {
     case zm::pgRangeArray::ArrayDataTypeRange:
         if (n % 2 != 0)
-            ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_int4set2bitfield_int4",
-                     "invalid int4 count to represent a rangearray");
+            ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_int4set2bitfield_int4",
+                            zm::setConversion::statusMessage(zm::setConversion::Status::OddRangeCount),
+                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
         shape = zm::bitFieldShapeOfRangeArray(set.data, n);
         break;
     case zm::pgRangeArray::ArrayDataTypeScalar:
@@ -314,8 +324,9 @@ extern "C" Datum zm_count_scalar_in_int4set(PG_FUNCTION_ARGS)
     {
     case zm::pgRangeArray::ArrayDataTypeRange:
         if (ARR_NDIM(array) == 1 && ARR_DIMS(array)[0] % 2 != 0)
-            ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_count_scalar_in_int4set",
-                     "invalid int4 count to represent a rangearray");
+            ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_count_scalar_in_int4set",
+                            zm::setConversion::statusMessage(zm::setConversion::Status::OddRangeCount),
+                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, ARR_DIMS(array)[0]);
         PG_RETURN_INT32(static_cast<int32_t>(sumRangeWidths(set.data, static_cast<uint32_t>(set.count) / 2)));
     case zm::pgRangeArray::ArrayDataTypeScalar:
         PG_RETURN_INT32(set.count);

@@ -107,6 +107,8 @@ SELECT pg_temp.try($$SELECT zm_int4setconv_int4('m', '{1,2}'::int2[], 'r')$$);
 SELECT pg_temp.try($$SELECT zm_int4setconv_int4('r', '{a,b}'::text[], 's')$$);
 \set VERBOSITY verbose
 SELECT zm_int4setconv_int4('x', '{1}'::int4[], 'r');
+-- A result beyond the server's 1 GB allocation limit: out of memory, with the size asked for.
+SELECT zm_int4setconv_int4('r', '{0,299999999}'::int4[], 's');
 \set VERBOSITY default
 
 -- arrays that are not one-dimensional or carry a null bitmap are read as empty

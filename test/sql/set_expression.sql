@@ -94,6 +94,11 @@ SELECT se_eval('{1,512,1}', '{"{1,5}","{7,8}","{20,21}"}');
 -- An operand of odd length.
 SELECT se_eval('{1}', '{"{1,2,3}"}');
 SELECT se_eval('{1,1}', '{"{1,2}","{5}"}');
+-- Without ORDER BY inside the call the rows come in the plan's order, and the errors say how to fix
+-- that; with ORDER BY (above) they do not.
+SELECT zm_int4range_op(o, v) FROM (VALUES (4::int2, '{1,2}'::int4[])) t(o, v);
+SELECT zm_int4range_op(o, v) FROM (VALUES (1::int2, '{1,2}'::int4[]), (1::int2, '{5}')) t(o, v);
+SELECT zm_int4range_op(o, v) FROM (VALUES (1::int2, '{1,2}'::int4[]), (512::int2, '{5,6}')) t(o, v);
 -- Errors come in step order: closes, opens, operand length, operation.
 SELECT se_eval('{7173}', '{"{1,2,3}"}');            -- close 1 + open 14 at depth 0: the close
 SELECT se_eval('{3073}', '{"{1,2,3}"}');            -- open 6 with an odd operand: the open
