@@ -148,10 +148,7 @@ struct NullableAllocator
 
 struct BitFieldErrors
 {
-    [[noreturn]] static void report(zm::BitFieldError, const char*, int, const char*, const char*)
-    {
-        throw FuzzError{bitFieldError};
-    }
+    [[noreturn]] static void report(zm::BitFieldError) { throw FuzzError{bitFieldError}; }
 };
 
 struct NoInterrupts

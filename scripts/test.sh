@@ -6,12 +6,20 @@ source "$(dirname "$0")/lib.sh"
 ensure_dependencies
 cd "$PROJECT_ROOT"
 
-# Expected outputs must not depend on the server's minor release: a location in PostgreSQL's own
-# sources moves with every release Debian ships.
-server_locations=$(grep -Hn '^LOCATION:' test/expected/*.out | grep -v ', zelmorraPg[A-Za-z]*\.\(cpp\|h\):[0-9]*$' || true)
-if [ -n "$server_locations" ]; then
-    log "expected outputs pin locations outside the extension's sources:"
-    echo "$server_locations" >&2
+# Error locations: only error_locations shows them, exactly the fixed sites of the catalogue (less
+# those it names as not triggered); no expected output shows any other location, in the
+# extension's sources or PostgreSQL's, which would move with every release.
+expected_sites=$(perl -0777 -ne '
+    my %files = /constexpr const char\* (\w+) = "[^"]*\/([^"\/]+)";/g;
+    while (/ZM_FIXED_SITE\(\s*\w+,\s*"([^"]+)",\s*file::(\w+),\s*(\d+),/g) { print "$1, $files{$2}:$3\n" }
+' pluginimpl/inc/zelmorraPgErrorSites.h | sort)
+shown_sites=$( { sed -n 's/^LOCATION:  //p' test/expected/error_locations.out;
+                 sed -n 's/^-- not triggered: \([^ ]* [^ ]*\) .*/\1/p' test/sql/error_locations.sql; } | sort)
+stray_locations=$(grep -Hn '^LOCATION:' test/expected/*.out | grep -v '^test/expected/error_locations.out:' || true)
+if [ -z "$expected_sites" ] || [ "$expected_sites" != "$shown_sites" ] || [ -n "$stray_locations" ]; then
+    log "error locations differ from the catalogue of fixed sites (catalogue <, error_locations >):"
+    diff <(echo "$expected_sites") <(echo "$shown_sites") >&2 || true
+    [ -z "$stray_locations" ] || { log "locations shown outside error_locations:"; echo "$stray_locations" >&2; }
     exit 1
 fi
 

@@ -158,7 +158,6 @@ TEST(ConversionScalarToRange, Unsorted)
 {
     EXPECT_EQ(toRanges({3, 2}).status, Status::ScalarToRangeNotSorted);
     EXPECT_EQ(toRanges({1, 5, 5, 4}).status, Status::ScalarToRangeNotSorted);
-    EXPECT_STREQ(sc::statusMessage(Status::ScalarToRangeNotSorted), "convertScalarToRangeArray input data is not sorted");
 }
 
 TEST(ConversionScalarToMix, CountElementAndItems)
@@ -169,7 +168,6 @@ TEST(ConversionScalarToMix, CountElementAndItems)
     EXPECT_EQ(toMix({7}).values, (V{1, 7}));
     EXPECT_EQ(toMix({0, 2, 4, 5}).values, (V{4, 0, 2, int32_t(4u | 0x80000000u), 5}));
     EXPECT_EQ(toMix({2, 1}).status, Status::ScalarToMixNotSorted);
-    EXPECT_STREQ(sc::statusMessage(Status::ScalarToMixNotSorted), "convertScalarToMixArrayInt4 input data is not sorted");
 }
 
 TEST(ConversionRangeToScalar, ExpandsInInputOrder)
@@ -180,7 +178,6 @@ TEST(ConversionRangeToScalar, ExpandsInInputOrder)
     EXPECT_EQ(rangesToScalars({1, 3, 2, 4}).values, (V{1, 2, 3, 2, 3, 4}));
     EXPECT_EQ(rangesToScalars({}).values, V{});
     EXPECT_EQ(rangesToScalars({1, 2, 3}).status, Status::OddRangeCount);
-    EXPECT_STREQ(sc::statusMessage(Status::OddRangeCount), "invalid int4 count to represent a rangearray");
 }
 
 TEST(ConversionRangeToScalar, StopsAtTheLargestValue)
@@ -200,8 +197,6 @@ TEST(ConversionRangeToScalar, OverflowIsRefusedBeforeAllocating)
     const V twoHalves{0, 1 << 30, 0, 1 << 30};
     EXPECT_EQ(sc::rangesToScalars<sc::NoInterrupts>(twoHalves.data(), twoHalves.size(), std::ref(out)), Status::ArrayOverflow);
     EXPECT_EQ(out.calls, 0);
-    EXPECT_STREQ(sc::statusMessage(Status::ArrayOverflow), "array overflow ");
-    EXPECT_STREQ(sc::statusMessage(Status::MixArrayOverflow), "array overflow");
 }
 
 TEST(ConversionRangeToScalar, LongExpansionChecksForInterrupts)
@@ -249,7 +244,6 @@ TEST(ConversionMixToScalar, BadItems)
     EXPECT_EQ(mixToScalars({1, -2147483643, -1}).status, Status::InvalidRangeDefinition);
     EXPECT_EQ(mixToScalars({1, -2147483643, 2}).status, Status::InvalidRangeDefinition);
     EXPECT_EQ(mixToScalars({2, -2147483647, -2147483646}).status, Status::InvalidRangeDefinition);
-    EXPECT_STREQ(sc::statusMessage(Status::InvalidRangeDefinition), "Invalid range definition");
 }
 
 TEST(ConversionMixToScalar, LyingCounts)
@@ -264,8 +258,6 @@ TEST(ConversionMixToScalar, LyingCounts)
     EXPECT_EQ(mixToScalars({INT_MIN}).status, Status::OutputTooSmall);
     EXPECT_EQ(mixToScalars({11, 0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10}, 10).status, Status::OutputTooSmall);
     EXPECT_EQ(mixToScalars({10, -2147483648, 9}, 10).values, (V{0, 1, 2, 3, 4, 5, 6, 7, 8, 9}));
-    EXPECT_STREQ(sc::statusMessage(Status::OutputTooSmall), "Output array is too small");
-    EXPECT_STREQ(sc::statusMessage(Status::ConversionError), "Conversion error");
 }
 
 TEST(ConversionMixToRange, ItemOrderKept)

@@ -165,10 +165,7 @@ TEST(InterruptChecks, SlicedBitFieldScansAgreeWithPlainOnes)
 
 struct ThrowingPolicy
 {
-    [[noreturn]] static void report(zm::BitFieldError, const char*, int, const char*, const char* message)
-    {
-        throw std::runtime_error(message ? message : "");
-    }
+    [[noreturn]] static void report(zm::BitFieldError) { throw std::runtime_error("bitfield error"); }
 };
 
 using OptState = zm::Int4ToSetOpDataOptimizedBase<TestAllocator, ThrowingPolicy, Checks>;

@@ -117,9 +117,6 @@ TEST(KeepSingleLayout, DecodeErrors)
     ks::writeHeader(textAsDatum, ks::datumKind, true, false, ks::byteaType);
     EXPECT_EQ(ks::decodeState(textAsDatum, sizeof textAsDatum, state), ks::DecodeStatus::Ok);
 
-    EXPECT_STREQ(ks::decodeMessage(ks::DecodeStatus::Empty), "zm_agg_keep_single_deserialfn empty bytea");
-    EXPECT_STREQ(ks::decodeMessage(ks::DecodeStatus::UnexpectedSize), "zm_agg_keep_single_deserialfn unexpected bytea size");
-    EXPECT_STREQ(ks::decodeMessage(ks::DecodeStatus::NotImplemented), "zm_agg_keep_single_deserialfn not implemented bytea");
 }
 
 TEST(KeepSingleLayout, RandomBytesStayInBounds)

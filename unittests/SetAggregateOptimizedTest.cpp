@@ -17,16 +17,13 @@ namespace {
 
 struct OptimizedBitFieldFailure : std::runtime_error
 {
-    std::string function;
-    explicit OptimizedBitFieldFailure(const char* f, const char* m) : std::runtime_error(m ? m : ""), function(f) {}
+    zm::BitFieldError error;
+    explicit OptimizedBitFieldFailure(zm::BitFieldError e) : std::runtime_error("bitfield error"), error(e) {}
 };
 
 struct OptimizedThrowingPolicy
 {
-    [[noreturn]] static void report(zm::BitFieldError, const char*, int, const char* function, const char* message)
-    {
-        throw OptimizedBitFieldFailure(function, message);
-    }
+    [[noreturn]] static void report(zm::BitFieldError error) { throw OptimizedBitFieldFailure(error); }
 };
 
 struct OptimizedHooks
@@ -364,8 +361,7 @@ TEST(SetAggregateOptimized, FromBytesErrors)
     }
     catch (const OptimizedBitFieldFailure& e)
     {
-        EXPECT_STREQ(e.what(), "bitfield invalid capacity");
-        EXPECT_EQ(e.function, "reserve");
+        EXPECT_EQ(e.error, zm::BitFieldError::InvalidCapacity);
     }
     // Negative capacity.
     uint8_t negative[6] = {1, 4, 0xF8, 0xFF, 0xFF, 0xFF};
@@ -437,7 +433,7 @@ TEST(SetAggregateStates, HostileSerialForms)
             }
             catch (const OptimizedBitFieldFailure& e)
             {
-                EXPECT_STREQ(e.what(), "bitfield invalid capacity");
+                EXPECT_EQ(e.error, zm::BitFieldError::InvalidCapacity);
             }
         }
     }

@@ -241,8 +241,7 @@ enum class BitFieldError
 //   static void  deallocate(void* block);
 //   static void  diagnostic(const char* line); one line to standard output
 // ErrorPolicy concept:
-//   [[noreturn]] static void report(BitFieldError error, const char* file, int line,
-//                                   const char* function, const char* message /* null: none */);
+//   [[noreturn]] static void report(BitFieldError error);
 template <typename Allocator, typename ErrorPolicy>
 struct BitFieldBase
 {
@@ -272,8 +271,7 @@ struct BitFieldBase
     void reserve(uint32_t newCapacity)
     {
         if (newCapacity % 8 != 0)
-            ErrorPolicy::report(BitFieldError::InvalidCapacity, __FILE__, __LINE__, "reserve",
-                                "bitfield invalid capacity");
+            ErrorPolicy::report(BitFieldError::InvalidCapacity);
         uint8_t* grown = nullptr;
         if (newCapacity != 0)
         {
@@ -281,7 +279,7 @@ struct BitFieldBase
             if (grown == nullptr)
             {
                 Allocator::diagnostic("Out of memory");
-                ErrorPolicy::report(BitFieldError::OutOfMemory, __FILE__, __LINE__, "reserve", nullptr);
+                ErrorPolicy::report(BitFieldError::OutOfMemory);
             }
         }
         // Callers only grow; a smaller capacity keeps what still fits rather than overrun.
@@ -307,7 +305,7 @@ struct BitFieldBase
                 if (c & 0x80000000u)
                 {
                     Allocator::diagnostic("tSize overflow");
-                    ErrorPolicy::report(BitFieldError::SizeOverflow, __FILE__, __LINE__, "resize", "tSize overflow ");
+                    ErrorPolicy::report(BitFieldError::SizeOverflow);
                 }
                 c *= 2;
             }

@@ -1,6 +1,6 @@
-// The bitfield inside the server: BitFieldBase over palloc with errors raised as ERROR reports
-// (located in zelmorraPgBitField.h, where they arise), and the persisted-bitfield reader that
-// raises "invalid bitfield array".
+// The bitfield inside the server: BitFieldBase over palloc with its errors raised at their sites
+// (reported from zelmorraPgBitField.h), and the persisted-bitfield reader that raises "invalid
+// bitfield array".
 #pragma once
 
 #include "zelmorraPgBitField.h"
@@ -23,13 +23,15 @@ struct BitFieldPallocAllocator
 
 struct BitFieldErrorReport
 {
-    [[noreturn]] static void report(BitFieldError error, const char* file, int line, const char* function,
-                                    const char* message)
+    [[noreturn]] static void report(BitFieldError error)
     {
-        const int sqlstate = error == BitFieldError::OutOfMemory ? ZM_SQLSTATE_OUT_OF_MEMORY : ZM_SQLSTATE_VALUE_ERROR;
-        if (message)
-            raiseError(sqlstate, file, line, function, "%s", message);
-        raiseError(sqlstate, file, line, function, nullptr);
+        switch (error)
+        {
+            case BitFieldError::InvalidCapacity: raise(site::bitFieldInvalidCapacity);
+            case BitFieldError::OutOfMemory: raise(site::bitFieldOutOfMemory);
+            case BitFieldError::SizeOverflow: raise(site::bitFieldSizeOverflow);
+        }
+        pg_unreachable();
     }
 };
 

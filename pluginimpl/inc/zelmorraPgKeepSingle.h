@@ -98,18 +98,6 @@ enum class DecodeStatus
     NotImplemented,    // unknown kind, or a kind that cannot carry a value of the stated type
 };
 
-inline const char* decodeMessage(DecodeStatus status)
-{
-    switch (status)
-    {
-        case DecodeStatus::Ok: return "";
-        case DecodeStatus::Empty: return "zm_agg_keep_single_deserialfn empty bytea";
-        case DecodeStatus::UnexpectedSize: return "zm_agg_keep_single_deserialfn unexpected bytea size";
-        case DecodeStatus::NotImplemented: return "zm_agg_keep_single_deserialfn not implemented bytea";
-    }
-    return "";
-}
-
 struct DecodedState
 {
     uint8_t kind;

@@ -765,7 +765,7 @@ struct Int4ToSetOpDataOptimizedBase
             if (pending == nullptr)
             {
                 Allocator::diagnostic("Out of memory");
-                BitFieldErrors::report(BitFieldError::OutOfMemory, __FILE__, __LINE__, "addRange", nullptr);
+                BitFieldErrors::report(BitFieldError::OutOfMemory);
             }
         }
     }

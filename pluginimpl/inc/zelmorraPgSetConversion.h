@@ -39,27 +39,6 @@ enum class Status
     MixPayloadLength,
 };
 
-// The message each failure is reported with (exact texts, trailing blank of "array overflow "
-// included).
-inline const char* statusMessage(Status status)
-{
-    switch (status)
-    {
-        case Status::Ok: return "";
-        case Status::ScalarToRangeNotSorted: return "convertScalarToRangeArray input data is not sorted";
-        case Status::ScalarToMixNotSorted: return "convertScalarToMixArrayInt4 input data is not sorted";
-        case Status::OddRangeCount: return "invalid int4 count to represent a rangearray";
-        case Status::OutputTooSmall: return "Output array is too small";
-        case Status::InvalidRangeDefinition: return "Invalid range definition";
-        case Status::ConversionError: return "Conversion error";
-        case Status::ArrayOverflow: return "array overflow ";
-        case Status::MixArrayOverflow: return "array overflow";
-        case Status::FloatPayloadLength: return "invalid byte count to represent a float array";
-        case Status::MixPayloadLength: return "invalid byte count to represent an int4 mixarray";
-    }
-    return "";
-}
-
 // Initial capacity of the working vectors; they double from there.
 constexpr size_t initialCapacity = 1024;
 

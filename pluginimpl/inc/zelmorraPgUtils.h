@@ -21,47 +21,27 @@ extern "C" {
 #include <cstdint>
 #include <cstdio>
 
+#include "zelmorraPgErrorSites.h"
 #include "zelmorraPgRangeArray.h"
 #include "zelmorraPgVector.h"
-
-// SQLSTATEs reported by the extension.
-#define ZM_SQLSTATE_OUT_OF_MEMORY ERRCODE_OUT_OF_MEMORY                       // 53200
-#define ZM_SQLSTATE_DATATYPE_MISMATCH ERRCODE_DATATYPE_MISMATCH               // 42804
-#define ZM_SQLSTATE_INVALID_PARAMETER ERRCODE_INVALID_PARAMETER_VALUE         // 22023
-#define ZM_SQLSTATE_VALUE_ERROR MAKE_SQLSTATE('2', '2', '0', '1', '5')        // 22015
-#define ZM_SQLSTATE_INVALID_BINARY ERRCODE_INVALID_BINARY_REPRESENTATION      // 22P03
-#define ZM_SQLSTATE_INDEX_INTERNAL MAKE_SQLSTATE('X', 'X', '0', '0', '2')     // XX002
-#define ZM_SQLSTATE_SET_EXPRESSION MAKE_SQLSTATE('0', '2', '0', '0', '0')     // 02000
-
-// Raises an ERROR at the given line and function of the calling source file. Use the literal line
-// number where the reported location is part of the interface, __LINE__ elsewhere.
-#define ZM_ERROR(sqlstate, line, function, ...) \
-    ::zm::pg::raiseError((sqlstate), __FILE__, (line), (function), __VA_ARGS__)
-
-// The same with a fixed message and a DETAIL line formatted from the remaining arguments, for
-// reports whose message alone does not say what was wrong (which argument, which value).
-#define ZM_ERROR_DETAIL(sqlstate, line, function, message, ...) \
-    ::zm::pg::raiseErrorWithDetail((sqlstate), __FILE__, (line), (function), (message), __VA_ARGS__)
 
 namespace zm {
 namespace pg {
 
-// The one way out for every failure: an ERROR report with this SQLSTATE, reported source file,
-// line and function name, message, and optional DETAIL and HINT. A report without message text
-// (out of memory) carries an empty message, and its DETAIL says "out of memory".
-[[noreturn]] void raiseReport(int sqlstate, const char* file, int line, const char* function, const char* message,
-                              const char* detail, const char* hint);
+// The one way out for every failure: the site's ERROR report (zelmorraPgErrorSites.h) with its
+// SQLSTATE, function, file, line and message, the message formatted with the arguments that follow.
+// A report without message text (out of memory) says "out of memory" in its DETAIL.
+[[noreturn]] void raise(const ErrorSite& site, ...);
 
-// raiseReport with the message formatted from `format` (null: no message text) and no HINT.
-[[noreturn]] void raiseError(int sqlstate, const char* file, int line, const char* function, const char* format,
-                             ...) pg_attribute_printf(5, 6);
+// The site's report (a message without arguments) with a DETAIL formatted from `detailFormat`, for
+// reports whose message alone does not say what was wrong (which argument, which value).
+[[noreturn]] void raiseWithDetail(const ErrorSite& site, const char* detailFormat, ...) pg_attribute_printf(2, 3);
 
-// raiseReport with a fixed message and the DETAIL formatted from `detailFormat`.
-[[noreturn]] void raiseErrorWithDetail(int sqlstate, const char* file, int line, const char* function,
-                                       const char* message, const char* detailFormat, ...) pg_attribute_printf(6, 7);
+// The site's report with a DETAIL and a HINT, both as given.
+[[noreturn]] void raiseWithHint(const ErrorSite& site, const char* detail, const char* hint);
 
 // The out-of-memory report of an allocation helper, with the size it asked for in its DETAIL.
-[[noreturn]] void raiseOutOfMemory(const char* file, int line, const char* function, size_t requestedBytes);
+[[noreturn]] void raiseOutOfMemory(const ErrorSite& site, size_t requestedBytes);
 
 // DETAIL of a result too large for an int4[]: how many elements it would have held (uint64_t).
 #define ZM_OVERSIZED_DETAIL "The result would hold %" PRIu64 " elements; an array holds at most 2147483647."
@@ -120,7 +100,7 @@ ArrayType* allocateResultArray(size_t n, bool zeroFill = true)
     const int flags = MCXT_ALLOC_NO_OOM | (zeroFill ? MCXT_ALLOC_ZERO : 0);
     void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, flags) : nullptr;
     if (block == nullptr)
-        raiseOutOfMemory("pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", bytes);
+        raiseOutOfMemory(site::allocateResultArray, bytes);
     ArrayType* array = static_cast<ArrayType*>(block);
     SET_VARSIZE(array, bytes);
     array->ndim = 1;
@@ -142,7 +122,7 @@ ArrayType* allocateResultArrayForOverwrite(size_t n)
     const size_t bytes = ARR_OVERHEAD_NONULLS(1) + n * sizeof(T);
     void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, MCXT_ALLOC_NO_OOM) : nullptr;
     if (block == nullptr)
-        raiseOutOfMemory("pluginimpl/inc/zelmorraPgUtils.h", 79, "allocateResultArray", bytes);
+        raiseOutOfMemory(site::allocateResultArray, bytes);
     ArrayType* array = static_cast<ArrayType*>(block);
     SET_VARSIZE(array, bytes);
     array->ndim = 1;

@@ -35,8 +35,6 @@ struct AggKeepSingleState
 };
 static_assert(std::is_trivially_destructible_v<AggKeepSingleState>, "states live across longjmp");
 
-const char* const ADD_VALUE = "addValue";
-
 // A fresh empty state in a context of its own under the aggregate context; `function` (a string
 // literal) names both the context and the caller in errors.
 AggKeepSingleState* createState(FunctionCallInfo fcinfo, const char* function)
@@ -70,21 +68,21 @@ void keepValue(AggKeepSingleState* state, uint32 type, Datum value)
             return;
         case ValueKind::Unsupported: break;
     }
-    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::unsupportedTypeOnStore);
+    raise(site::keepUnsupportedType);
 }
 
 // The checks that a further row (or a second state in combine) passes against the kept value.
 void checkValue(const AggKeepSingleState* state, uint32 type, bool policy, bool isNull, Datum value)
 {
     if (type != state->type || policy != state->policy)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::typeOrPolicyChanged);
+        raise(site::keepTypeOrPolicyChanged);
     if (!state->policy)
         return;
     if (state->isNull)
     {
         if (isNull)
             return;
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
+        raise(site::keepValueMismatch);
     }
     switch (valueKindOf(state->type))
     {
@@ -92,11 +90,11 @@ void checkValue(const AggKeepSingleState* state, uint32 type, bool policy, bool 
             // A NULL compares as its datum, 0.
             if (keepSingle::canonicalDatum(type, value) == keepSingle::canonicalDatum(type, state->value))
                 return;
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
+            raise(site::keepValueMismatch);
         case ValueKind::VariableLength:
         {
             if (isNull)
-                ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
+                raise(site::keepValueMismatch);
             const varlena* kept = reinterpret_cast<const varlena*>(DatumGetPointer(state->value));
             varlena* incoming = pg_detoast_datum_packed(reinterpret_cast<varlena*>(DatumGetPointer(value)));
             const bool same = keepSingle::sameBytes(VARDATA_ANY(kept), VARSIZE_ANY_EXHDR(kept), VARDATA_ANY(incoming),
@@ -105,11 +103,11 @@ void checkValue(const AggKeepSingleState* state, uint32 type, bool policy, bool 
                 pfree(incoming);
             if (same)
                 return;
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::valueMismatch);
+            raise(site::keepValueMismatch);
         }
         case ValueKind::Unsupported: break;
     }
-    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, ADD_VALUE, "%s", keepSingle::unsupportedTypeOnCompare);
+    raise(site::keepUnsupportedCompare);
 }
 
 // Copies `from` into `to` (whose context is current): type, flags, and the value when not NULL.
@@ -165,7 +163,6 @@ extern "C" Datum zm_agg_keep_single_transfn(PG_FUNCTION_ARGS)
 // by freeing it earlier.
 extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
 {
-    const char* const function = "zm_agg_keep_single_finalfn";
     AggKeepSingleState* state = zm::pg::stateArgument(fcinfo, 0);
     if (state == nullptr || state->isNull)
         PG_RETURN_NULL();
@@ -173,7 +170,7 @@ extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
     // can carry one) must not be handed out as a datum of the wrong type.
     const Oid resultType = get_fn_expr_rettype(fcinfo->flinfo);
     if (OidIsValid(resultType) && resultType != state->type)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "%s", zm::keepSingle::typeOrPolicyChanged);
+        zm::pg::raise(zm::pg::site::keepFinalTypeChanged);
     switch (zm::keepSingle::valueKindOf(state->type))
     {
         case zm::keepSingle::ValueKind::VariableLength:
@@ -182,7 +179,7 @@ extern "C" Datum zm_agg_keep_single_finalfn(PG_FUNCTION_ARGS)
             return state->value;
         case zm::keepSingle::ValueKind::Unsupported: break;
     }
-    ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "%s", zm::keepSingle::unsupportedTypeOnCompare);
+    zm::pg::raise(zm::pg::site::keepFinalUnsupported);
 }
 
 // Merges two states into a new one; the inputs are left as they are.
@@ -257,8 +254,13 @@ extern "C" Datum zm_agg_keep_single_deserialfn(PG_FUNCTION_ARGS)
     ks::DecodedState decoded;
     const ks::DecodeStatus status = ks::decodeState(reinterpret_cast<const uint8_t*>(VARDATA(serialised)),
                                                     VARSIZE(serialised) - VARHDRSZ, decoded);
-    if (status != ks::DecodeStatus::Ok)
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "%s", ks::decodeMessage(status));
+    switch (status)
+    {
+        case ks::DecodeStatus::Ok: break;
+        case ks::DecodeStatus::Empty: zm::pg::raise(zm::pg::site::keepEmptyBytea);
+        case ks::DecodeStatus::UnexpectedSize: zm::pg::raise(zm::pg::site::keepUnexpectedSize);
+        case ks::DecodeStatus::NotImplemented: zm::pg::raise(zm::pg::site::keepNotImplemented);
+    }
     state->type = decoded.type;
     state->isNull = decoded.isNull;
     state->policy = decoded.policy;

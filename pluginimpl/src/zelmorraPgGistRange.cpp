@@ -42,18 +42,16 @@ namespace {
 Range<int> entryKey(const GISTENTRY& entry) { return unpackRange(DatumGetInt64(entry.key)); }
 
 // Range-array query (strategies 1 and 11). Only int4 arrays are accepted; an array that is not
-// one-dimensional or has a null bitmap holds no ranges and matches nothing. `function` names the
-// caller in the error report.
-__attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key, const char* function)
+// one-dimensional or has a null bitmap holds no ranges and matches nothing. `refused` is the
+// caller's error site.
+__attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key, const zm::pg::ErrorSite& refused)
 {
     ArrayType* array = zm::pg::detoastArray(query);
-    const char* const message = "accept only int4[] with an even size";
     if (ARR_ELEMTYPE(array) != INT4OID)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, message, "Argument 2 has elements of type %s.",
-                        format_type_be(ARR_ELEMTYPE(array)));
+        zm::pg::raiseWithDetail(refused, "Argument 2 has elements of type %s.", format_type_be(ARR_ELEMTYPE(array)));
     const zm::pg::Int4ArrayView ranges = zm::pg::viewInt4Array(array);
     if (ranges.count % 2 != 0)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, message, ZM_ODD_RANGE_ARRAY_DETAIL, 2, ranges.count);
+        zm::pg::raiseWithDetail(refused, ZM_ODD_RANGE_ARRAY_DETAIL, 2, ranges.count);
     return zm::pgRangeArray::rangeArrayQueryConsistent<zm::pg::ServerInterruptCheck>(key, ranges.rangesBegin(), ranges.rangesEnd());
 }
 
@@ -70,7 +68,7 @@ __attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, b
         return false;
     }
     if (info.status != zm::BitFieldStatus::Ok)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_gist_range_consistent", "invalid bitfield array");
+        zm::pg::raise(zm::pg::site::gistBitFieldQuery);
     *recheck = !leaf;
     return zm::bitFieldKeyConsistent(info, key.lower, key.upper, leaf, [] { CHECK_FOR_INTERRUPTS(); });
 }
@@ -93,7 +91,7 @@ int comparePackedKeys(Datum a, Datum b, SortSupport)
 
 [[noreturn]] __attribute__((noinline, cold)) void unimplementedStrategy()
 {
-    ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_gist_range_consistent", "GIST consistent unimplemented strategy");
+    zm::pg::raise(zm::pg::site::gistStrategy);
 }
 
 }  // namespace
@@ -125,7 +123,7 @@ extern "C" Datum zm_gist_range_consistent(PG_FUNCTION_ARGS)
             break;
         case zm::pgRangeArray::GistStrategyRangeArray:
         case zm::pgRangeArray::GistStrategyRangeArrayAlt:
-            result = rangeArrayConsistent(PG_GETARG_DATUM(1), key, "zm_gist_range_consistent");
+            result = rangeArrayConsistent(PG_GETARG_DATUM(1), key, zm::pg::site::gistRangeArrayQuery);
             break;
         case zm::pgRangeArray::GistStrategyBitField:
             PG_RETURN_BOOL(bitFieldConsistent(PG_GETARG_DATUM(1), key, leaf, recheck));
@@ -176,8 +174,7 @@ extern "C" Datum zm_gist_range_compress_int8(PG_FUNCTION_ARGS)
     const int64 packed = DatumGetInt64(entry->key);
     const Range<int> r = unpackRange(packed);
     if (r.upper < r.lower)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_gist_range_compress_int8",
-                 "GIST invalid input packed range [%d;%d]", r.lower, r.upper);
+        zm::pg::raise(zm::pg::site::gistInvalidPackedRange, r.lower, r.upper);
     return compressedLeaf(entry, packed);
 }
 
@@ -263,7 +260,7 @@ extern "C" Datum zm_gist_range_picksplit(PG_FUNCTION_ARGS)
     GIST_SPLITVEC* splitvec = reinterpret_cast<GIST_SPLITVEC*>(PG_GETARG_POINTER(1));
     const uint16 maxoff = static_cast<uint16>(entryvec->n - 1);
     if (maxoff < 2)
-        ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "zm_gist_range_picksplit", "GIST picksplit input vector has an invalid size");
+        zm::pg::raise(zm::pg::site::picksplitSize);
 
     static_assert(sizeof(OffsetNumber) == sizeof(uint16_t), "offsets are written as uint16");
     zm::pgRangeArray::SplitSide left{static_cast<uint16_t*>(palloc(maxoff * sizeof(OffsetNumber))), 0, {0, 0}};
@@ -284,16 +281,10 @@ extern "C" Datum zm_gist_range_picksplit(PG_FUNCTION_ARGS)
     {
         case zm::pgRangeArray::SplitStatus::Ok:
             break;
-        case zm::pgRangeArray::SplitStatus::InvalidSize:
-            ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "zm_gist_range_picksplit", "GIST picksplit input vector has an invalid size");
-        case zm::pgRangeArray::SplitStatus::LowerListOutOfBound:
-            ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "zm_gist_range_picksplit",
-                     "GIST picksplit internal error (lower list out of bound)");
-        case zm::pgRangeArray::SplitStatus::UpperListOutOfBound:
-            ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "zm_gist_range_picksplit",
-                     "GIST picksplit internal error (upper list out of bound)");
-        case zm::pgRangeArray::SplitStatus::RangeAlreadyTagged:
-            ZM_ERROR(ZM_SQLSTATE_INDEX_INTERNAL, __LINE__, "pushRange", "GIST picksplit internal error (range already tagged)");
+        case zm::pgRangeArray::SplitStatus::InvalidSize: zm::pg::raise(zm::pg::site::picksplitSize);
+        case zm::pgRangeArray::SplitStatus::LowerListOutOfBound: zm::pg::raise(zm::pg::site::picksplitLowerList);
+        case zm::pgRangeArray::SplitStatus::UpperListOutOfBound: zm::pg::raise(zm::pg::site::picksplitUpperList);
+        case zm::pgRangeArray::SplitStatus::RangeAlreadyTagged: zm::pg::raise(zm::pg::site::picksplitTagged);
     }
     splitvec->spl_nleft = left.count;
     splitvec->spl_nright = right.count;
@@ -317,5 +308,5 @@ extern "C" Datum zm_gist_range_sortsupport(PG_FUNCTION_ARGS)
 extern "C" Datum zm_int4_overlap_rangearray(PG_FUNCTION_ARGS)
 {
     const int32 v = PG_GETARG_INT32(0);
-    PG_RETURN_BOOL(rangeArrayConsistent(PG_GETARG_DATUM(1), Range<int>{v, v}, "zm_int4_overlap_rangearray"));
+    PG_RETURN_BOOL(rangeArrayConsistent(PG_GETARG_DATUM(1), Range<int>{v, v}, zm::pg::site::overlapOperatorRangeArray));
 }

@@ -27,14 +27,15 @@ extern "C" Datum kestrava_range_operators_version(PG_FUNCTION_ARGS)
 namespace zm {
 namespace pg {
 
-void raiseReport(int sqlstate, const char* file, int line, const char* function, const char* message, const char* detail,
-                 const char* hint)
+namespace {
+
+void report(const ErrorSite& site, const char* message, const char* detail, const char* hint)
 {
-    if (message == nullptr && detail == nullptr && sqlstate == ZM_SQLSTATE_OUT_OF_MEMORY)
+    if (message == nullptr && detail == nullptr && site.sqlstate == outOfMemory)
         detail = "out of memory";
     if (errstart(ERROR, TEXTDOMAIN))
     {
-        errcode(sqlstate);
+        errcode(site.sqlstate);
         // A report without text still carries an empty message: PL/pgSQL exception handlers read
         // the message unconditionally and crash on a missing one.
         errmsg_internal("%s", message ? message : "");
@@ -42,40 +43,42 @@ void raiseReport(int sqlstate, const char* file, int line, const char* function,
             errdetail_internal("%s", detail);
         if (hint)
             errhint("%s", hint);
-        errfinish(file, line, function);
+        errfinish(site.file, site.line, site.function);
     }
     pg_unreachable();
 }
 
-void raiseError(int sqlstate, const char* file, int line, const char* function, const char* format, ...)
+}  // namespace
+
+void raise(const ErrorSite& site, ...)
 {
     char message[512];
-    if (format)
+    if (site.message)
     {
         va_list args;
-        va_start(args, format);
-        vsnprintf(message, sizeof message, format, args);
+        va_start(args, site);
+        vsnprintf(message, sizeof message, site.message, args);
         va_end(args);
     }
-    raiseReport(sqlstate, file, line, function, format ? message : nullptr, nullptr, nullptr);
+    report(site, site.message ? message : nullptr, nullptr, nullptr);
 }
 
-void raiseErrorWithDetail(int sqlstate, const char* file, int line, const char* function, const char* message,
-                          const char* detailFormat, ...)
+void raiseWithDetail(const ErrorSite& site, const char* detailFormat, ...)
 {
     char detail[512];
     va_list args;
     va_start(args, detailFormat);
     vsnprintf(detail, sizeof detail, detailFormat, args);
     va_end(args);
-    raiseReport(sqlstate, file, line, function, message, detail, nullptr);
+    report(site, site.message, detail, nullptr);
 }
 
-void raiseOutOfMemory(const char* file, int line, const char* function, size_t requestedBytes)
+void raiseWithHint(const ErrorSite& site, const char* detail, const char* hint) { report(site, site.message, detail, hint); }
+
+void raiseOutOfMemory(const ErrorSite& site, size_t requestedBytes)
 {
-    raiseErrorWithDetail(ZM_SQLSTATE_OUT_OF_MEMORY, file, line, function, nullptr,
-                         "out of memory: %zu bytes requested; the server allocates at most %zu in one piece.", requestedBytes,
-                         static_cast<size_t>(MaxAllocSize));
+    raiseWithDetail(site, "out of memory: %zu bytes requested; the server allocates at most %zu in one piece.",
+                    requestedBytes, static_cast<size_t>(MaxAllocSize));
 }
 
 void writeDiagnosticLine(const char* line)
@@ -85,17 +88,14 @@ void writeDiagnosticLine(const char* line)
     fflush(stdout);
 }
 
-void PallocAllocator::outOfMemory()
-{
-    raiseError(ZM_SQLSTATE_OUT_OF_MEMORY, __FILE__, __LINE__, "tVector", nullptr);
-}
+void PallocAllocator::outOfMemory() { raise(site::vectorOutOfMemory); }
 
 bytea* allocateBytea(size_t size)
 {
     const size_t total = size + VARHDRSZ;
     void* block = total <= MaxAllocSize ? palloc_extended(total, MCXT_ALLOC_NO_OOM) : nullptr;
     if (block == nullptr)
-        raiseOutOfMemory("pluginimpl/inc/zelmorraPgUtils.h", 54, "allocateBytea", total);
+        raiseOutOfMemory(site::allocateBytea, total);
     bytea* result = static_cast<bytea*>(block);
     SET_VARSIZE(result, total);
     return result;
@@ -105,7 +105,7 @@ MemoryContext aggregateContext(FunctionCallInfo fcinfo, const char* function)
 {
     MemoryContext context = nullptr;
     if (!AggCheckCallContext(fcinfo, &context) || context == nullptr)
-        raiseError(ZM_SQLSTATE_INVALID_PARAMETER, __FILE__, __LINE__, function, "%s called in non-aggregate context", function);
+        raise(site::nonAggregateContext, function);
     return context;
 }
 

@@ -19,22 +19,22 @@ PG_FUNCTION_INFO_V1(zm_int4range_is_overlap);
 
 namespace {
 
-const char* const LENGTH_NOT_EVEN = "array length should be even";
+namespace site = zm::pg::site;
+using zm::pg::ErrorSite;
 
-// Reads a range-array argument; an odd element count is reported at the caller's fixed location.
-Int4ArrayView readRangeArrayArgument(FunctionCallInfo fcinfo, int argument, int line, const char* function)
+// Reads a range-array argument; an odd element count is the caller's error site.
+Int4ArrayView readRangeArrayArgument(FunctionCallInfo fcinfo, int argument, const ErrorSite& odd)
 {
     Int4ArrayView view = zm::pg::viewInt4Array(PG_GETARG_ARRAYTYPE_P(argument));
     if (view.count % 2 != 0)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_DATATYPE_MISMATCH, line, function, LENGTH_NOT_EVEN, ZM_ODD_RANGE_ARRAY_DETAIL,
-                        argument + 1, view.count);
+        zm::pg::raiseWithDetail(odd, ZM_ODD_RANGE_ARRAY_DETAIL, argument + 1, view.count);
     return view;
 }
 
 // The result when one argument of union or exclusion is NULL: the other one, copied as given.
-Datum copyRangeArrayArgument(FunctionCallInfo fcinfo, int argument, int line, const char* function)
+Datum copyRangeArrayArgument(FunctionCallInfo fcinfo, int argument, const ErrorSite& odd)
 {
-    Int4ArrayView view = readRangeArrayArgument(fcinfo, argument, line, function);
+    Int4ArrayView view = readRangeArrayArgument(fcinfo, argument, odd);
     PG_RETURN_ARRAYTYPE_P(zm::pg::valuesToArray(view.data, static_cast<size_t>(view.count)));
 }
 
@@ -58,10 +58,10 @@ using ResultRangeVector = zm::tVectorBase<Range<int>, ResultArrayAllocator>;
 // written are kept. Inputs too large for that bound get the usual max(A, B) ranges, and a vector
 // that outgrows the array is copied into a new one.
 template <void (*Operation)(const Range<int>*, const Range<int>*, const Range<int>*, const Range<int>*, ResultRangeVector&)>
-Datum computeSetOperation(FunctionCallInfo fcinfo, int line, const char* function)
+Datum computeSetOperation(FunctionCallInfo fcinfo, const ErrorSite& odd)
 {
-    const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, line, function);
-    const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, line, function);
+    const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, odd);
+    const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, odd);
     const size_t na = static_cast<size_t>(a.rangeCount()), nb = static_cast<size_t>(b.rangeCount());
     const size_t maxRanges = (MaxAllocSize - ARR_OVERHEAD_NONULLS(1)) / sizeof(Range<int>);
     const size_t room = std::max<size_t>(na + nb <= maxRanges ? na + nb : std::max(na, nb), 1);
@@ -83,40 +83,37 @@ Datum computeSetOperation(FunctionCallInfo fcinfo, int line, const char* functio
 
 extern "C" Datum zm_int4range_union(PG_FUNCTION_ARGS)
 {
-    const char* const function = "zm_int4range_union";
     if (PG_ARGISNULL(0) && PG_ARGISNULL(1))
         PG_RETURN_NULL();
     if (PG_ARGISNULL(0))
-        return copyRangeArrayArgument(fcinfo, 1, 60, function);
+        return copyRangeArrayArgument(fcinfo, 1, site::unionOddOneNull);
     if (PG_ARGISNULL(1))
-        return copyRangeArrayArgument(fcinfo, 0, 60, function);
-    return computeSetOperation<zm::pgRangeArray::computeUnion<int, ResultArrayAllocator>>(fcinfo, 80, function);
+        return copyRangeArrayArgument(fcinfo, 0, site::unionOddOneNull);
+    return computeSetOperation<zm::pgRangeArray::computeUnion<int, ResultArrayAllocator>>(fcinfo, site::unionOdd);
 }
 
 extern "C" Datum zm_int4range_intersection(PG_FUNCTION_ARGS)
 {
     if (PG_ARGISNULL(0) || PG_ARGISNULL(1))
         PG_RETURN_NULL();
-    return computeSetOperation<zm::pgRangeArray::computeIntersection<int, ResultArrayAllocator>>(fcinfo, 132, "zm_int4range_intersection");
+    return computeSetOperation<zm::pgRangeArray::computeIntersection<int, ResultArrayAllocator>>(fcinfo, site::intersectionOdd);
 }
 
 extern "C" Datum zm_int4range_exclusion(PG_FUNCTION_ARGS)
 {
-    const char* const function = "zm_int4range_exclusion";
     if (PG_ARGISNULL(0))
         PG_RETURN_NULL();
     if (PG_ARGISNULL(1))
-        return copyRangeArrayArgument(fcinfo, 0, 181, function);
-    return computeSetOperation<zm::pgRangeArray::computeExclusion<int, ResultArrayAllocator>>(fcinfo, 201, function);
+        return copyRangeArrayArgument(fcinfo, 0, site::exclusionOddOneNull);
+    return computeSetOperation<zm::pgRangeArray::computeExclusion<int, ResultArrayAllocator>>(fcinfo, site::exclusionOdd);
 }
 
 extern "C" Datum zm_int4range_is_strictly_include(PG_FUNCTION_ARGS)
 {
     if (PG_ARGISNULL(0) || PG_ARGISNULL(1))
         PG_RETURN_NULL();
-    const char* const function = "zm_int4range_is_strictly_include";
-    const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, 252, function);
-    const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, 252, function);
+    const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, site::strictlyIncludeOdd);
+    const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, site::strictlyIncludeOdd);
     PG_RETURN_BOOL((zm::pgRangeArray::isStrictlyIncluded<int, zm::pg::ServerInterruptCheck>(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd())));
 }
 
@@ -124,9 +121,8 @@ extern "C" Datum zm_int4range_is_overlap(PG_FUNCTION_ARGS)
 {
     if (PG_ARGISNULL(0) || PG_ARGISNULL(1))
         PG_RETURN_NULL();
-    const char* const function = "zm_int4range_is_overlap";
-    const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, 284, function);
-    const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, 284, function);
+    const Int4ArrayView a = readRangeArrayArgument(fcinfo, 0, site::isOverlapOdd);
+    const Int4ArrayView b = readRangeArrayArgument(fcinfo, 1, site::isOverlapOdd);
     PG_RETURN_BOOL((zm::pgRangeArray::isOverlapping<int, zm::pg::ServerInterruptCheck>(a.rangesBegin(), a.rangesEnd(), b.rangesBegin(), b.rangesEnd())));
 }
 
@@ -142,15 +138,12 @@ ArrayDataType ArrayDataTypeFromChar(char letter)
         case 'm': return ArrayDataTypeMix;
         default: break;
     }
-    const char* const message = "int4_agg array type should be 'r','s' or 'm'";
     const unsigned char byte = static_cast<unsigned char>(letter);
     if (byte == 0)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", message, "%s",
-                        "Received no letter (NULL or an empty \"char\").");
+        pg::raiseWithDetail(pg::site::kindLetter, "%s", "Received no letter (NULL or an empty \"char\").");
     if (byte < 0x20 || byte >= 0x7f)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", message, "Received the byte 0x%02x.", byte);
-    ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, 555, "ArrayDataTypeFromChar", message,
-                    "Received '%c'; letters are case-sensitive.", letter);
+        pg::raiseWithDetail(pg::site::kindLetter, "Received the byte 0x%02x.", byte);
+    pg::raiseWithDetail(pg::site::kindLetter, "Received '%c'; letters are case-sensitive.", letter);
 }
 
 }  // namespace pgRangeArray
@@ -173,20 +166,19 @@ struct SetExpressionErrors
 {
     [[noreturn]] static void closeRootGroup()
     {
-        ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "closeGroup", "try to close root parenthesis group");
+        zm::pg::raise(site::closeRootGroup);
     }
     [[noreturn]] static void maxDepthReached()
     {
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "addValue", "reach max parenthesis group depth");
+        zm::pg::raise(site::maxGroupDepth);
     }
     [[noreturn]] static void unknownOperation(int32_t id)
     {
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "addToCurrentGroup", "Unknown operation id %i", id);
+        zm::pg::raise(site::unknownOperation, id);
     }
     [[noreturn]] static void oddOperandLength(int32_t count)
     {
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_DATATYPE_MISMATCH, __LINE__, "addValue", LENGTH_NOT_EVEN, ZM_ODD_RANGE_ARRAY_DETAIL, 2,
-                        count);
+        zm::pg::raiseWithDetail(site::oddOperand, ZM_ODD_RANGE_ARRAY_DETAIL, 2, count);
     }
 };
 
@@ -195,7 +187,7 @@ struct SetExpressionErrors
 void hintRowOrder(void*)
 {
     const int code = geterrcode();
-    if (code == ERRCODE_QUERY_CANCELED || code == ZM_SQLSTATE_OUT_OF_MEMORY)
+    if (code == ERRCODE_QUERY_CANCELED || code == zm::pg::outOfMemory)
         return;
     errhint("zm_int4range_op applies its rows in the order they arrive, which the plan chooses; order them inside "
             "the call: zm_int4range_op(op, operand ORDER BY ...).");
@@ -292,7 +284,7 @@ extern "C" Datum zm_int4range_op_transfn(PG_FUNCTION_ARGS)
     RowOrderHint hint;
     hint.install(fcinfo);
     if (PG_ARGISNULL(1))
-        ZM_ERROR(ZM_SQLSTATE_SET_EXPRESSION, __LINE__, function, "null operation is not now allowed");
+        zm::pg::raise(site::nullOperation);
     SetExpressionAggState* state =
         PG_ARGISNULL(0) ? nullptr : reinterpret_cast<SetExpressionAggState*>(PG_GETARG_POINTER(0));
     if (state == nullptr)
@@ -333,8 +325,7 @@ extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
     SetExpression::closeAllGroups(state->data);
     const SetExpression::Buffer& root = SetExpression::rootValue(state->data);
     if (root.size > static_cast<size_t>(INT32_MAX / 2))
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "zm_int4range_op_finalfn", "array overflow ", ZM_OVERSIZED_DETAIL,
-                        2 * static_cast<uint64_t>(root.size));
+        zm::pg::raiseWithDetail(site::setExpressionOverflow, ZM_OVERSIZED_DETAIL, 2 * static_cast<uint64_t>(root.size));
     ArrayType* result = zm::pg::rangesToArray(root.data, root.size);
     hint.remove();
     state->finalResult = copySetExpressionResult(result, GetMemoryChunkContext(state));
@@ -397,24 +388,15 @@ using zm::pg::Int4ToSetOpDataSet;
 {
     switch (status)
     {
-        case SetAggStatus::NotRangeArray:
-            ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn input is not a range array",
-                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, rowElements);
-        case SetAggStatus::NotImplemented:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_transfn not implemented");
-        case SetAggStatus::CombineMismatch:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addOtherCtx", "fail to combine Int4ToSetOpDataSet");
-        case SetAggStatus::EmptyBytea:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_deserialfn empty bytea");
-        case SetAggStatus::EmptyRangeArray:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea",
-                     "zm_int4set_agg_deserialfn range array should not be empty");
-        case SetAggStatus::InvalidRangeArraySize:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_deserialfn invalid range array size");
-        case SetAggStatus::Ok:
-            break;
+        case SetAggStatus::NotRangeArray: zm::pg::raiseWithDetail(site::setAggNotRangeArray, ZM_ODD_RANGE_ARRAY_DETAIL, 2, rowElements);
+        case SetAggStatus::NotImplemented: zm::pg::raise(site::setAggNotImplemented);
+        case SetAggStatus::CombineMismatch: zm::pg::raise(site::combineMismatch);
+        case SetAggStatus::EmptyBytea: zm::pg::raise(site::setAggEmptyBytea);
+        case SetAggStatus::EmptyRangeArray: zm::pg::raise(site::setAggEmptyRangeArray);
+        case SetAggStatus::InvalidRangeArraySize: zm::pg::raise(site::setAggInvalidSize);
+        case SetAggStatus::Ok: break;
     }
-    ZM_ERROR(ERRCODE_INTERNAL_ERROR, __LINE__, "raiseSetAggStatus", "unexpected set aggregate status");
+    pg_unreachable();
 }
 
 bool argumentGiven(FunctionCallInfo fcinfo, int n) { return n < PG_NARGS() && !PG_ARGISNULL(n); }
@@ -523,7 +505,6 @@ extern "C" Datum zm_int4set_agg_transfn_B(PG_FUNCTION_ARGS) { return int4SetAggT
 // sorted one resets the aggregate context between groups.
 extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
 {
-    const char* const function = "zm_int4set_agg_finalfn";
     Int4ToSetOpDataSet* state = setStateArgument(fcinfo, 0);
     if (state == nullptr)
         PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
@@ -535,8 +516,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
         case zm::setAggType::Range:
         {
             if (state->ranges.size > static_cast<size_t>(INT32_MAX) / 2)
-                ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ", ZM_OVERSIZED_DETAIL,
-                                2 * static_cast<uint64_t>(state->ranges.size));
+                zm::pg::raiseWithDetail(site::setAggRangeOverflow, ZM_OVERSIZED_DETAIL, 2 * static_cast<uint64_t>(state->ranges.size));
             result = zm::pg::rangesToArray(state->ranges.data, state->ranges.size);
             break;
         }
@@ -544,7 +524,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
         {
             const uint64_t count = state->scalarCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
-                ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow", ZM_OVERSIZED_DETAIL, count);
+                zm::pg::raiseWithDetail(site::setAggOverflow, ZM_OVERSIZED_DETAIL, count);
             result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeScalar(zm::pg::int4Data(result));
             break;
@@ -553,13 +533,13 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
         {
             const uint64_t count = state->mixElementCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
-                ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow", ZM_OVERSIZED_DETAIL, count);
+                zm::pg::raiseWithDetail(site::setAggOverflow, ZM_OVERSIZED_DETAIL, count);
             result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
             state->writeMix(zm::pg::int4Data(result));
             break;
         }
         default:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_finalfn not implemented");
+            zm::pg::raise(site::setAggFinalNotImplemented);
     }
 
     // The state stays for the aggregate's memory context to reclaim: see the comment above.
@@ -657,31 +637,19 @@ using zm::pg::Int4ToSetOpDataOptimized;
 {
     switch (status)
     {
-        case OptimizedAggStatus::InvalidMaxInput:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized invalid 'maxinput' value ");
-        case OptimizedAggStatus::ValueOutOfRange:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized value %i is out of range [0;%i]",
-                     value, top);
-        case OptimizedAggStatus::RangeOutOfRange:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized value is out of range [0;%i]", top);
-        case OptimizedAggStatus::ScalarOutOfRange:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange",
-                     "int4set_agg_optimized input scalar is out of range [0;%i]", top);
+        case OptimizedAggStatus::InvalidMaxInput: zm::pg::raise(site::optimizedMaxInput);
+        case OptimizedAggStatus::ValueOutOfRange: zm::pg::raise(site::optimizedValueOutOfRange, value, top);
+        case OptimizedAggStatus::RangeOutOfRange: zm::pg::raise(site::optimizedRangeOutOfRange, top);
+        case OptimizedAggStatus::ScalarOutOfRange: zm::pg::raise(site::optimizedScalarOutOfRange, top);
         case OptimizedAggStatus::NotRangeArray:
-            ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "int4set_agg_optimized input is not a range array",
-                            ZM_ODD_RANGE_ARRAY_DETAIL, 3, rowElements);
-        case OptimizedAggStatus::NotImplemented:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addRange", "zm_int4set_agg_optimized_transfn not implemented");
-        case OptimizedAggStatus::CombineMismatch:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "addOtherCtx", "fail to combine Int4ToSetOpDataSet");
-        case OptimizedAggStatus::EmptyBytea:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_optimized_deserialfn empty bytea");
-        case OptimizedAggStatus::Corrupted:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, "fromBytea", "zm_int4set_agg_optimized_deserialfn corrupted");
-        case OptimizedAggStatus::Ok:
-            break;
+            zm::pg::raiseWithDetail(site::optimizedNotRangeArray, ZM_ODD_RANGE_ARRAY_DETAIL, 3, rowElements);
+        case OptimizedAggStatus::NotImplemented: zm::pg::raise(site::optimizedNotImplemented);
+        case OptimizedAggStatus::CombineMismatch: zm::pg::raise(site::combineMismatch);
+        case OptimizedAggStatus::EmptyBytea: zm::pg::raise(site::optimizedEmptyBytea);
+        case OptimizedAggStatus::Corrupted: zm::pg::raise(site::optimizedCorrupted);
+        case OptimizedAggStatus::Ok: break;
     }
-    ZM_ERROR(ERRCODE_INTERNAL_ERROR, __LINE__, "raiseOptimizedStatus", "unexpected set aggregate status");
+    pg_unreachable();
 }
 
 Int4ToSetOpDataOptimized* optimizedStateArgument(FunctionCallInfo fcinfo, int n)
@@ -786,7 +754,6 @@ extern "C" Datum zm_int4set_agg_optimized_transfn_B(PG_FUNCTION_ARGS)
 // Builds the result in the caller's context; the state is left intact, as for zm_int4set_agg.
 extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
 {
-    const char* const function = "zm_int4set_agg_optimized_finalfn";
     Int4ToSetOpDataOptimized* state = optimizedStateArgument(fcinfo, 0);
     if (state == nullptr)
         PG_RETURN_ARRAYTYPE_P(zm::pg::allocateInt4Array(0));
@@ -805,10 +772,10 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
             count = state->mixElementCount();
             break;
         default:
-            ZM_ERROR(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "zm_int4set_agg_optimized_finalfn not implemented");
+            zm::pg::raise(site::optimizedFinalNotImplemented);
     }
     if (count > static_cast<uint64_t>(INT32_MAX))
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_VALUE_ERROR, __LINE__, function, "array overflow ", ZM_OVERSIZED_DETAIL, count);
+        zm::pg::raiseWithDetail(site::optimizedOverflow, ZM_OVERSIZED_DETAIL, count);
     ArrayType* result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));  // the writers fill all of it
     int32_t* out = zm::pg::int4Data(result);
     if (state->outputType == zm::setAggType::Scalar)

@@ -20,8 +20,6 @@ PG_FUNCTION_INFO_V1(zm_int4rangepacked_contains_value);
 
 namespace {
 
-const char* const INVALID_RANGE_ARRAY = "invalid range array";
-
 Range<int> packedArgument(FunctionCallInfo fcinfo, int argument)
 {
     return zm::pgRangeArray::unpackRange(PG_GETARG_INT64(argument));
@@ -41,8 +39,8 @@ extern "C" Datum zm_int4range_overlap_rangearray(PG_FUNCTION_ARGS)
     const Int4ArrayView a = zm::pg::viewInt4Array(PG_GETARG_ARRAYTYPE_P(0));
     const Int4ArrayView b = zm::pg::viewInt4Array(PG_GETARG_ARRAYTYPE_P(1));
     if (a.count % 2 != 0 || b.count % 2 != 0)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, 123, "zm_int4range_overlap_rangearray", INVALID_RANGE_ARRAY,
-                        ZM_ODD_RANGE_ARRAY_DETAIL, a.count % 2 != 0 ? 1 : 2, a.count % 2 != 0 ? a.count : b.count);
+        zm::pg::raiseWithDetail(zm::pg::site::overlapRangeArrayOdd, ZM_ODD_RANGE_ARRAY_DETAIL, a.count % 2 != 0 ? 1 : 2,
+                                a.count % 2 != 0 ? a.count : b.count);
     if (a.rangeCount() == 1)
         PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(*a.rangesBegin(), b.rangesBegin(),
                                                                                              b.rangesEnd())));
@@ -61,8 +59,7 @@ extern "C" Datum zm_int4rangepacked_in_rangearray(PG_FUNCTION_ARGS)
     if (!ranges.oneDimensionalWithoutNulls)
         PG_RETURN_BOOL(false);
     if (ranges.count % 2 != 0)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, 164, "zm_int4rangepacked_in_rangearray", INVALID_RANGE_ARRAY,
-                        ZM_ODD_RANGE_ARRAY_DETAIL, 2, ranges.count);
+        zm::pg::raiseWithDetail(zm::pg::site::packedInRangeArrayOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, ranges.count);
     PG_RETURN_BOOL((zm::pgRangeArray::rangeOverlapsList<int, zm::pg::ServerInterruptCheck>(packed, ranges.rangesBegin(), ranges.rangesEnd())));
 }
 
@@ -115,13 +112,13 @@ bool getBitFieldInfo(const bytea* bitfield, const uint8_t*& begin, const uint8_t
 {
     const BitFieldInfo info = readBitField(bitfield, VARSIZE(bitfield));
     if (info.truncated)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "getBitFieldInfo", "invalid bitfield array");
+        raise(site::bitFieldArgument);
     first = info.first;
     last = info.last;
     if (info.status == BitFieldStatus::Empty)
         return false;
     if (info.status != BitFieldStatus::Ok)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "getBitFieldInfo", "invalid bitfield array");
+        raise(site::bitFieldArgument);
     begin = info.begin;
     end = info.end;
     return true;
@@ -138,10 +135,6 @@ PG_FUNCTION_INFO_V1(zm_int4set_included_in_bitfield);
 }
 
 namespace {
-
-const char* const INVALID_BITFIELD_ARRAY = "invalid bitfield array";
-const char* const INVALID_RANGEARRAY_COUNT = "invalid int4 count to represent a rangearray";
-const char* const UNSUPPORTED_INPUT_TYPE = "unsupported input type";
 
 // Lets a cancel request through between the slices of a long scan (see zelmorraPgBitField.h).
 struct InterruptPoll
@@ -167,7 +160,7 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
     ArrayType* array = zm::pg::detoastArray(PG_GETARG_DATUM(1));
     const bytea* bitfield = bitfieldArgument(fcinfo, 2);
     if (ARR_ELEMTYPE(array) != INT4OID)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 223, "int4set_test_bitfield", "accept only int4[]");
+        zm::pg::raise(zm::pg::site::setTestNotInt4);
 
     const Int4ArrayView set = zm::pg::viewInt4Array(array);
     if (set.count <= 0)
@@ -183,14 +176,12 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
         return true;
     case zm::BitFieldSetTest::OddRangeCount:
         if (included)
-            ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, 318, "int4set_test_bitfield", INVALID_RANGEARRAY_COUNT,
-                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, 384, "int4set_test_bitfield", INVALID_RANGEARRAY_COUNT,
-                        ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
+            zm::pg::raiseWithDetail(zm::pg::site::setIncludedOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
+        zm::pg::raiseWithDetail(zm::pg::site::setOverlapOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
     case zm::BitFieldSetTest::UnsupportedKind:
         break;
     }
-    ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 258, "int4set_test_bitfield", "%s", UNSUPPORTED_INPUT_TYPE);
+    zm::pg::raise(zm::pg::site::setTestUnsupportedKind);
 }
 
 }  // namespace
@@ -212,11 +203,11 @@ extern "C" Datum zm_int4rangepacked_in_rangebitfield(PG_FUNCTION_ARGS)
     const bytea* bitfield = bitfieldArgument(fcinfo, 1);
     const zm::BitFieldInfo info = zm::readBitField(bitfield, VARSIZE(bitfield));
     if (info.truncated)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 188, "zm_int4rangepacked_in_rangebitfield", "%s", INVALID_BITFIELD_ARRAY);
+        zm::pg::raise(zm::pg::site::packedInBitFieldShort);
     if (info.status == zm::BitFieldStatus::Empty)
         PG_RETURN_BOOL(false);
     if (info.status != zm::BitFieldStatus::Ok)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, 203, "zm_int4rangepacked_in_rangebitfield", "%s", INVALID_BITFIELD_ARRAY);
+        zm::pg::raise(zm::pg::site::packedInBitFieldLength);
     PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper, InterruptPoll()));
 }
 

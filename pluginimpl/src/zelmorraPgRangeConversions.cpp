@@ -27,16 +27,15 @@ extern "C" Datum zm_range_pack(PG_FUNCTION_ARGS)
         ArrayType* array = PG_GETARG_ARRAYTYPE_P(0);
         // A null bitmap is refused even when no element is null.
         if (ARR_ELEMTYPE(array) != INT4OID || ARR_NDIM(array) != 1 || ARR_HASNULL(array) || ARR_DIMS(array)[0] != 2)
-            ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_range_pack", "accept only int4[] with a size of 2 ");
+            zm::pg::raise(zm::pg::site::packArrayShape);
         const int32* bounds = zm::pg::int4Data(array);
         lower = bounds[0];
         upper = bounds[1];
     }
     else
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_range_pack", "accept only int4[] with a size of 2 or 2 int4");
+        zm::pg::raise(zm::pg::site::packArity);
     if (lower > upper)
-        ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_range_pack", "invalid range",
-                        "The lower bound %d is above the upper bound %d.", lower, upper);
+        zm::pg::raiseWithDetail(zm::pg::site::packInvalidRange, "The lower bound %d is above the upper bound %d.", lower, upper);
     PG_RETURN_INT64(zm::pgRangeArray::packRange(lower, upper));
 }
 
@@ -74,35 +73,54 @@ struct ServerInterrupts
 // Largest int4[] the server can allocate in one piece.
 constexpr size_t maxInt4ArrayLength = (MaxAllocSize - ARR_OVERHEAD_NONULLS(1)) / sizeof(int32_t);
 
-// `inputElements`: the element count of the set argument (argument 2), for an odd range array.
-[[noreturn]] void raiseStatus(setConversion::Status status, int line, const char* function, int32_t inputElements)
+// The error site of each failed conversion status of zm_int4setconv_int4.
+const ErrorSite& conversionSite(setConversion::Status status)
 {
     using setConversion::Status;
-    const char* const message = setConversion::statusMessage(status);
-    if (status == Status::OddRangeCount)
-        raiseErrorWithDetail(ZM_SQLSTATE_INVALID_BINARY, __FILE__, line, function, message, ZM_ODD_RANGE_ARRAY_DETAIL, 2,
-                             inputElements);
-    if (status == Status::ArrayOverflow || status == Status::MixArrayOverflow)
-        raiseErrorWithDetail(ZM_SQLSTATE_VALUE_ERROR, __FILE__, line, function, message,
-                             "The result would hold more than 2147483647 elements, the most an array holds.");
-    raiseError(ZM_SQLSTATE_VALUE_ERROR, __FILE__, line, function, "%s", message);
+    switch (status)
+    {
+        case Status::ScalarToRangeNotSorted: return site::convertScalarToRangeNotSorted;
+        case Status::ScalarToMixNotSorted: return site::convertScalarToMixNotSorted;
+        case Status::OddRangeCount: return site::convertOdd;
+        case Status::OutputTooSmall: return site::convertOutputTooSmall;
+        case Status::InvalidRangeDefinition: return site::convertInvalidRange;
+        case Status::ArrayOverflow: return site::convertRangeOverflow;
+        case Status::MixArrayOverflow: return site::convertOverflow;
+        case Status::Ok:
+        case Status::ConversionError:
+        case Status::FloatPayloadLength:
+        case Status::MixPayloadLength: break;
+    }
+    return site::convertError;
 }
 
-ArrayType* checkedInt4Argument(FunctionCallInfo fcinfo, int argument, const char* function)
+// Reports a failed conversion; `inputElements` is the element count of the set (argument 2).
+[[noreturn]] void raiseConversionStatus(setConversion::Status status, int32_t inputElements)
+{
+    using setConversion::Status;
+    const ErrorSite& failed = conversionSite(status);
+    if (status == Status::OddRangeCount)
+        raiseWithDetail(failed, ZM_ODD_RANGE_ARRAY_DETAIL, 2, inputElements);
+    if (status == Status::ArrayOverflow || status == Status::MixArrayOverflow)
+        raiseWithDetail(failed, "%s", "The result would hold more than 2147483647 elements, the most an array holds.");
+    raise(failed);
+}
+
+ArrayType* checkedInt4Argument(FunctionCallInfo fcinfo, int argument, const ErrorSite& refused)
 {
     ArrayType* array = PG_GETARG_ARRAYTYPE_P(argument);
     if (ARR_ELEMTYPE(array) != INT4OID)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, function, "accept only int4[]");
+        raise(refused);
     return array;
 }
 
 template <typename Vector>
-ArrayType* finishVector(Vector& out, setConversion::Status status, const char* function, int32_t inputElements)
+ArrayType* finishVector(Vector& out, setConversion::Status status, int32_t inputElements)
 {
     if (status != setConversion::Status::Ok)
     {
         out.release();
-        raiseStatus(status, __LINE__, function, inputElements);
+        raiseConversionStatus(status, inputElements);
     }
     ArrayType* result;
     if constexpr (std::is_same_v<Vector, RangeVector>)
@@ -123,14 +141,13 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
     using namespace zm::pg;
     using namespace zm::pg::setConversionGlue;
     using zm::setConversion::Status;
-    const char* const function = "zm_int4setconv_int4";
     if (PG_ARGISNULL(0) || PG_ARGISNULL(1) || PG_ARGISNULL(2))
         PG_RETURN_NULL();
     const auto from = zm::pgRangeArray::ArrayDataTypeFromChar(PG_GETARG_CHAR(0));
     const auto to = zm::pgRangeArray::ArrayDataTypeFromChar(PG_GETARG_CHAR(2));
-    ArrayType* array = checkedInt4Argument(fcinfo, 1, function);
+    ArrayType* array = checkedInt4Argument(fcinfo, 1, site::convertNotInt4);
     if (from == to)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, function, "unsuported conversion");
+        raise(site::convertSameKind);
     const Int4ArrayView input = viewInt4Array(array);
     const size_t count = static_cast<size_t>(input.count);
 
@@ -145,41 +162,41 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
         RangeVector out;
         out.init(zm::setConversion::initialCapacity);
         const Status status = zm::setConversion::scalarToRanges(input.data, count, out);
-        result = finishVector(out, status, function, input.count);
+        result = finishVector(out, status, input.count);
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         Int4Vector out;
         out.init(std::max(zm::setConversion::initialCapacity, count / 2 + 2));
         const Status status = zm::setConversion::scalarToMix(input.data, count, out);
-        result = finishVector(out, status, function, input.count);
+        result = finishVector(out, status, input.count);
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeRange && to == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         const Status status = zm::setConversion::rangesToScalars<ServerInterrupts>(input.data, count, makeOutput);
         if (status != Status::Ok)
-            raiseStatus(status, __LINE__, function, input.count);
+            raiseConversionStatus(status, input.count);
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeRange)
     {
         Int4Vector out;
         out.init(zm::setConversion::initialCapacity);
         const Status status = zm::setConversion::rangesToMix(input.data, count, out);
-        result = finishVector(out, status, function, input.count);
+        result = finishVector(out, status, input.count);
     }
     else if (to == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         const Status status =
             zm::setConversion::mixToScalars<ServerInterrupts>(input.data, count, maxInt4ArrayLength, makeOutput);
         if (status != Status::Ok)
-            raiseStatus(status, __LINE__, function, input.count);
+            raiseConversionStatus(status, input.count);
     }
     else
     {
         RangeVector out;
         out.init(zm::setConversion::initialCapacity);
         const Status status = zm::setConversion::mixToRanges(input.data, count, out);
-        result = finishVector(out, status, function, input.count);
+        result = finishVector(out, status, input.count);
     }
     PG_RETURN_ARRAYTYPE_P(result);
 }
@@ -188,10 +205,9 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
 extern "C" Datum zm_sort_int4(PG_FUNCTION_ARGS)
 {
     using namespace zm::pg;
-    const char* const function = "zm_sort_int4";
     if (PG_ARGISNULL(0))
         PG_RETURN_NULL();
-    ArrayType* array = setConversionGlue::checkedInt4Argument(fcinfo, 0, function);
+    ArrayType* array = setConversionGlue::checkedInt4Argument(fcinfo, 0, site::sortNotInt4);
     const Int4ArrayView input = viewInt4Array(array);
     const size_t n = static_cast<size_t>(input.count);
     // sortInt4 writes every element on each of its paths.
@@ -265,7 +281,7 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
 {
     ArrayType* array = zm::pg::detoastArray(PG_GETARG_DATUM(1));
     if (ARR_ELEMTYPE(array) != INT4OID)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_PARAMETER, __LINE__, "zm_int4set2bitfield_int4", "accept only int4[]");
+        zm::pg::raise(zm::pg::site::bitFieldBuildNotInt4);
     const zm::pgRangeArray::ArrayDataType kind = zm::pgRangeArray::ArrayDataTypeFromChar(PG_GETARG_CHAR(0));
     const zm::pg::Int4ArrayView set = zm::pg::viewInt4Array(array);
     const uint32_t n = static_cast<uint32_t>(set.count);
@@ -275,9 +291,7 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
     {
     case zm::pgRangeArray::ArrayDataTypeRange:
         if (n % 2 != 0)
-            ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_int4set2bitfield_int4",
-                            zm::setConversion::statusMessage(zm::setConversion::Status::OddRangeCount),
-                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
+            zm::pg::raiseWithDetail(zm::pg::site::bitFieldBuildOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
         shape = zm::bitFieldShapeOfRangeArray(set.data, n);
         break;
     case zm::pgRangeArray::ArrayDataTypeScalar:
@@ -286,8 +300,8 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
     case zm::pgRangeArray::ArrayDataTypeMix:
         shape = zm::bitFieldShapeOfMixArray(set.data, n);
         break;
-    default:
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_int4set2bitfield_int4", "unsuported conversion");
+    default:  // ArrayDataTypeFromChar gives no other kind
+        pg_unreachable();
     }
 
     bytea* result = zm::pg::allocateBytea(8 + size_t{shape.dataLength});
@@ -324,16 +338,14 @@ extern "C" Datum zm_count_scalar_in_int4set(PG_FUNCTION_ARGS)
     {
     case zm::pgRangeArray::ArrayDataTypeRange:
         if (ARR_NDIM(array) == 1 && ARR_DIMS(array)[0] % 2 != 0)
-            ZM_ERROR_DETAIL(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_count_scalar_in_int4set",
-                            zm::setConversion::statusMessage(zm::setConversion::Status::OddRangeCount),
-                            ZM_ODD_RANGE_ARRAY_DETAIL, 2, ARR_DIMS(array)[0]);
+            zm::pg::raiseWithDetail(zm::pg::site::countOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, ARR_DIMS(array)[0]);
         PG_RETURN_INT32(static_cast<int32_t>(sumRangeWidths(set.data, static_cast<uint32_t>(set.count) / 2)));
     case zm::pgRangeArray::ArrayDataTypeScalar:
         PG_RETURN_INT32(set.count);
     case zm::pgRangeArray::ArrayDataTypeMix:
         PG_RETURN_INT32(set.count > 0 ? set.data[0] : 0);
-    default:
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_count_scalar_in_int4set", "Unsuported input type");
+    default:  // ArrayDataTypeFromChar gives no other kind
+        pg_unreachable();
     }
 }
 
@@ -356,7 +368,7 @@ extern "C" Datum zm_bytea2floatarray(PG_FUNCTION_ARGS)
     size_t count = 0;
     const zm::setConversion::Status status = zm::setConversion::floatPayloadElements(bytes, count);
     if (status != zm::setConversion::Status::Ok)
-        ZM_ERROR(ZM_SQLSTATE_INVALID_BINARY, __LINE__, "zm_bytea2floatarray", "%s", zm::setConversion::statusMessage(status));
+        zm::pg::raise(zm::pg::site::floatPayloadLength);
     ArrayType* result = zm::pg::allocateResultArrayForOverwrite<float4, FLOAT4OID>(count);
     zm::pg::copyInterruptibly(ARR_DATA_PTR(result), VARDATA(payload), bytes);
     PG_RETURN_ARRAYTYPE_P(result);
@@ -367,7 +379,6 @@ extern "C" Datum zm_bytea2floatarray(PG_FUNCTION_ARGS)
 extern "C" Datum zm_bytea2mix2rangearray(PG_FUNCTION_ARGS)
 {
     using zm::setConversion::Status;
-    const char* const function = "zm_bytea2mix2rangearray";
     if (PG_ARGISNULL(0))
         PG_RETURN_NULL();
     bytea* payload = PG_GETARG_BYTEA_P(0);
@@ -377,8 +388,9 @@ extern "C" Datum zm_bytea2mix2rangearray(PG_FUNCTION_ARGS)
     if (status != Status::Ok)
     {
         out.release();
-        ZM_ERROR(status == Status::MixPayloadLength ? ZM_SQLSTATE_INVALID_BINARY : ZM_SQLSTATE_VALUE_ERROR, __LINE__,
-                 function, "%s", zm::setConversion::statusMessage(status));
+        zm::pg::raise(status == Status::MixPayloadLength       ? zm::pg::site::mixPayloadLength
+                      : status == Status::InvalidRangeDefinition ? zm::pg::site::mixPayloadInvalidRange
+                                                                 : zm::pg::site::mixPayloadOverflow);
     }
     ArrayType* result = zm::pg::rangesToArray(out.data, out.size);
     out.release();

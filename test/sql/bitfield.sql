@@ -83,9 +83,8 @@ SELECT pg_temp.err($$SELECT zm_int4set2bitfield_int4('r', '{1,2}'::int8[])$$) AS
 SELECT pg_temp.err($$SELECT zm_int4set2bitfield_int4('x', '{1,2}'::int8[])$$) AS int8_set_bad_kind;
 SELECT pg_temp.err($$SELECT zm_int4set2bitfield_int4('r', '{1,2,3}'::int4[])$$) AS odd_range_array;
 SELECT pg_temp.err($$SELECT zm_int4set2bitfield_int4('R', '{1,2}'::int4[])$$) AS kind_letter;
-\set VERBOSITY verbose
 SELECT zm_int4set2bitfield_int4('q', '{1,2}'::int4[]);
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 
 -------------------------------------------------------------------------------
 -- Counting
@@ -197,18 +196,25 @@ FROM (SELECT pg_temp.bf_le(0, -1, '') AS e) x;
 SELECT zm_int4set_overlap_bitfield('s', '{}'::int4[], '\x00'::bytea) AS empty_set_bad_bitfield;
 
 -- Errors with their reported locations
-\set VERBOSITY verbose
 SELECT zm_int4set_included_in_bitfield('r', '{12}'::int4[], b) FROM b12;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_overlap_bitfield('r', '{12,13,14}'::int4[], b) FROM b12;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_overlap_bitfield('s', '{12}'::int8[], b) FROM b12;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_included_in_bitfield('s', '{}'::int8[], b) FROM b12;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_overlap_bitfield('x', '{12}'::int4[], b) FROM b12;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_overlap_bitfield('x', '{12}'::int8[], '\x'::bytea);
+\echo :LAST_ERROR_SQLSTATE
 SELECT pg_temp.pk(0, 1) && '\x0a000000140000'::bytea;
+\echo :LAST_ERROR_SQLSTATE
 SELECT pg_temp.pk(0, 1) && '\x0a00000014000000'::bytea;
+\echo :LAST_ERROR_SQLSTATE
 SELECT pg_temp.pk(0, 1) && '\x0a000000140000002000000000000000ff'::bytea;
+\echo :LAST_ERROR_SQLSTATE
 SELECT pg_temp.pk(0, 1) && '\x0a00000009000000'::bytea AS empty_no_error;
-\set VERBOSITY default
 SELECT pg_temp.err($$SELECT zm_int4set_overlap_bitfield('s', '{12}'::int4[], '\x0a000000140000'::bytea)$$) AS set_truncated,
        pg_temp.err($$SELECT zm_int4set_included_in_bitfield('s', '{12}'::int4[], '\x0a00000014000000'::bytea)$$) AS set_no_data,
        pg_temp.err($$SELECT 12 <@ '\x0a000000140000002000000000000000ff'::bytea$$) AS value_padded;

@@ -105,11 +105,11 @@ SELECT pg_temp.try($$SELECT zm_int4setconv_int4('s', '{1}'::int8[], 's')$$);
 SELECT pg_temp.try($$SELECT zm_int4setconv_int4('s', '{1,2}'::int8[], 'r')$$);
 SELECT pg_temp.try($$SELECT zm_int4setconv_int4('m', '{1,2}'::int2[], 'r')$$);
 SELECT pg_temp.try($$SELECT zm_int4setconv_int4('r', '{a,b}'::text[], 's')$$);
-\set VERBOSITY verbose
 SELECT zm_int4setconv_int4('x', '{1}'::int4[], 'r');
+\echo :LAST_ERROR_SQLSTATE
 -- A result beyond the server's 1 GB allocation limit: out of memory, with the size asked for.
 SELECT zm_int4setconv_int4('r', '{0,299999999}'::int4[], 's');
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 
 -- arrays that are not one-dimensional or carry a null bitmap are read as empty
 SELECT pg_temp.conv('s', '{{1,2},{3,4}}', 'r');
@@ -134,6 +134,7 @@ SELECT zm_int4setconv_int4(NULL, '{1}'::int4[], 'r') IS NULL AS a,
 
 -- an untyped literal matches both the int4[] and the anyarray declaration
 SELECT zm_int4setconv_int4('s', '{1,2}', 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4setconv_int4('s', ARRAY[1,2,4], 'r');
 
 -- sorting

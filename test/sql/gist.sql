@@ -44,12 +44,13 @@ INSERT INTO gist_packed VALUES (zm_range_pack(2, 5)), (zm_range_pack(5, 9)), (zm
   (zm_range_pack(10, 10)), (zm_range_pack(-3, -1)), (zm_range_pack(-2147483648, 2147483647)), (NULL);
 CREATE INDEX gist_packed_idx ON gist_packed USING gist (p zm_int4rangepacked_gist_ops);
 SELECT * FROM pg_temp.page_keys('gist_packed_idx', 0) ORDER BY lower, upper;
-\set VERBOSITY verbose
 INSERT INTO gist_packed VALUES ((4::int8 << 32) | 5);
+\echo :LAST_ERROR_SQLSTATE
 INSERT INTO gist_packed VALUES (-4294967296);
+\echo :LAST_ERROR_SQLSTATE
 CREATE TABLE gist_packed_bad AS SELECT ((4::int8 << 32) | 5) AS p;
 CREATE INDEX ON gist_packed_bad USING gist (p zm_int4rangepacked_gist_ops);
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 DROP TABLE gist_packed_bad;
 
 -- Each strategy on a leaf: the index scan returns the rows of the sequential scan.
@@ -137,16 +138,20 @@ SELECT * FROM pg_temp.both_ways(format('SELECT v FROM gist_values WHERE v <@ %L:
 SELECT * FROM pg_temp.both_ways(format('SELECT v FROM gist_values WHERE v <@ %L::bytea', pg_temp.bitfield(0, -1, '{}', 8)));
 -- A bitfield shorter than its header, or with a bit area of the wrong size, is refused by the index
 -- and by the operator alike.
-\set VERBOSITY verbose
 SET enable_seqscan = off;
 SELECT count(*) FROM gist_values WHERE v <@ '\x0102'::bytea;
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_values WHERE v <@ pg_temp.bitfield(0, 63, ARRAY[1], 16);
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_values WHERE v <@ pg_temp.bitfield(0, 64, ARRAY[1], 8);
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_values WHERE v <@ pg_temp.bitfield(5, 3, '{}', 0);
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 SET enable_seqscan = on; SET enable_indexscan = off; SET enable_indexonlyscan = off; SET enable_bitmapscan = off;
 SELECT count(*) FROM gist_values WHERE v <@ '\x0102'::bytea;
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_values WHERE v <@ pg_temp.bitfield(0, 63, ARRAY[1], 16);
+\echo :LAST_ERROR_SQLSTATE
 RESET enable_seqscan; RESET enable_indexscan; RESET enable_indexonlyscan; RESET enable_bitmapscan;
 SELECT count(*) FROM gist_values WHERE v <@ pg_temp.bitfield(0, 64, ARRAY[1], 16);
 DELETE FROM gist_values WHERE v IN (9, 10, 12, 13, 20, 21);
@@ -161,15 +166,17 @@ RESET enable_seqscan;
 SELECT v FROM gist_values WHERE v <@ '{-5,0,5}'::int4[] ORDER BY v;
 
 -- Errors of the consistent function: an odd range array (the operators refuse it as well).
-\set VERBOSITY verbose
 SET enable_seqscan = off;
 SELECT count(*) FROM gist_packed WHERE p && '{1,2,3}'::int4[];
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_values WHERE v && '{1,2,3}'::int4[];
+\echo :LAST_ERROR_SQLSTATE
 SET enable_seqscan = on; SET enable_indexscan = off; SET enable_indexonlyscan = off; SET enable_bitmapscan = off;
 SELECT count(*) FROM gist_packed WHERE p && '{1,2,3}'::int4[];
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_values WHERE v && '{1,2,3}'::int4[];
+\echo :LAST_ERROR_SQLSTATE
 RESET enable_seqscan; RESET enable_indexscan; RESET enable_indexonlyscan; RESET enable_bitmapscan;
-\set VERBOSITY default
 
 -- Strategies outside the table, and a range array of another element type, are refused; only an
 -- operator class declared for it can make the index see them.
@@ -190,13 +197,16 @@ CREATE OPERATOR CLASS gist_test_strategy_ops FOR TYPE int8 USING gist AS
 CREATE TABLE gist_strategies AS SELECT zm_range_pack(1, 2) AS p;
 CREATE INDEX ON gist_strategies USING gist (p gist_test_strategy_ops);
 SET enable_seqscan = off;
-\set VERBOSITY verbose
 SELECT count(*) FROM gist_strategies WHERE p = 5::int8;
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_strategies WHERE p <> 5::int8;
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_strategies WHERE p < 5::int8;
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_strategies WHERE p > 5::int8;
+\echo :LAST_ERROR_SQLSTATE
 SELECT count(*) FROM gist_strategies WHERE p &&& ARRAY[1, 2]::int8[];
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 RESET enable_seqscan;
 DROP TABLE gist_strategies;
 DROP OPERATOR CLASS gist_test_strategy_ops USING gist;

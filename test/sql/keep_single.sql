@@ -1,37 +1,46 @@
 CREATE EXTENSION IF NOT EXISTS kestrava_range_operators;
 -- agg_keep_single: serial plans, every edge case and error.
-\set VERBOSITY verbose
 
 -- one value, or a mismatch
 SELECT agg_keep_single(v) FROM (VALUES (5), (5), (5)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (5), (6)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 -- policy false keeps the first row's value
 SELECT agg_keep_single(v, false) FROM (VALUES (5), (6)) t(v);
 SELECT agg_keep_single(v, false) FROM (VALUES (6), (5)) t(v);
 SELECT agg_keep_single(v, true) FROM (VALUES (5), (5)) t(v);
 SELECT agg_keep_single(v, true) FROM (VALUES (5), (6)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 -- a NULL policy reads as false
 SELECT agg_keep_single(v, NULL) FROM (VALUES (5), (6)) t(v);
 SELECT agg_keep_single(v, p) FROM (VALUES (5, NULL::bool), (6, false)) t(v, p);
 -- the policy must not change between rows
 SELECT agg_keep_single(v, p) FROM (VALUES (1, true), (1, false)) t(v, p);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, p) FROM (VALUES (1, false), (2, true)) t(v, p);
+\echo :LAST_ERROR_SQLSTATE
 
 -- every supported type
 SELECT agg_keep_single(v) FROM (VALUES (true), (true)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (false), (true)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES ('\xdeadbeef'::bytea), ('\xdeadbeef')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES ('\xdeadbeef'::bytea), ('\xdeadbe')) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES (''::bytea), ('')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (9223372036854775807::int8), (9223372036854775807)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (-1::int8), (4294967295)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES ((-32768)::int2), ((-32768)::int2)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (1::int2), (2::int2)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES (-2147483648), (-2147483648)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES ('abc'::text), ('abc')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES ('abc'::text), ('abd')) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES (''::text), ('')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES ('abc'::text), ('abc ')) t(v);
+\echo :LAST_ERROR_SQLSTATE
 -- text compares bytes, whatever the collation says
 SELECT agg_keep_single(v COLLATE "C") FROM (VALUES ('abc'::text), ('abc')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (1.5::float4), (1.5)) t(v);
@@ -42,6 +51,7 @@ SELECT agg_keep_single(v) FROM (VALUES ('NaN'::float8), ('NaN')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES ('-Infinity'::float8), ('-Infinity')) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (0.0::float8), (-0.0)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (-0.0::float8), (0.0)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, false) FROM (VALUES (-0.0::float8), (0.0)) t(v);
 SELECT pg_typeof(agg_keep_single(v)) FROM (VALUES (1::int2)) t(v);
 SELECT pg_typeof(agg_keep_single(v, true)) FROM (VALUES ('x'::bytea)) t(v);
@@ -53,31 +63,39 @@ SELECT agg_keep_single(v) IS NULL FROM (VALUES (NULL::numeric), (NULL)) t(v);
 SELECT agg_keep_single(v) IS NULL FROM (VALUES (NULL::date)) t(v);
 SELECT agg_keep_single(v) IS NULL FROM (SELECT 1 WHERE false) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (NULL::int4), (3)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, false) IS NULL FROM (VALUES (NULL::int4), (3)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (NULL::text), ('a')) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES (NULL::numeric), (1.0)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, false) IS NULL FROM (VALUES (NULL::numeric), (1.0)) t(v);
 -- a NULL after a kept by-value value compares as the datum 0
 SELECT agg_keep_single(v) FROM (VALUES (0), (NULL)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (7), (NULL)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES (false), (NULL)) t(v);
 SELECT agg_keep_single(v) FROM (VALUES (0.0::float8), (NULL)) t(v);
 -- a NULL after a kept text or bytea value is a mismatch
 SELECT agg_keep_single(v) FROM (VALUES ('a'::text), (NULL)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES (''::bytea), (NULL)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, false) FROM (VALUES ('a'::text), (NULL)) t(v);
 
 -- unsupported types fail on their first non-NULL row
 SELECT agg_keep_single(v) FROM (VALUES (1.0::numeric)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES ('2020-01-01'::date)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, false) FROM (VALUES ('x'::varchar)) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v) FROM (VALUES ('{1}'::int4[])) t(v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(NULL::int4);
 -- raised by the server's parser: message and SQLSTATE, not its source location
-\set VERBOSITY default
 SELECT agg_keep_single(NULL);
 \echo :LAST_ERROR_SQLSTATE
-\set VERBOSITY verbose
 
 -- groups, sorted and hashed
 CREATE TEMP TABLE groups AS SELECT g, g * 10 AS v, 'x' || g AS s FROM generate_series(1, 5) g, generate_series(1, 3);
@@ -90,23 +108,21 @@ SELECT g, agg_keep_single(v), agg_keep_single(s) FROM groups GROUP BY g ORDER BY
 RESET enable_sort;
 SELECT g, agg_keep_single(v) FROM (SELECT g, v + CASE WHEN g = 4 THEN n ELSE 0 END AS v
                                    FROM groups, generate_series(0, 1) n) x GROUP BY g ORDER BY g;
+\echo :LAST_ERROR_SQLSTATE
 
 -- two identical calls in one query get a state each
 SELECT agg_keep_single(v), agg_keep_single(v), agg_keep_single(v, false) FROM (VALUES (1), (1)) t(v);
 SELECT agg_keep_single(s), agg_keep_single(s) FROM groups WHERE g = 2;
 -- the final function consumes its state: no window use
-\set VERBOSITY default
 SELECT agg_keep_single(v) OVER () FROM (VALUES (1), (1)) t(v);
 \echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, true) OVER (ORDER BY v) FROM (VALUES (1), (1)) t(v);
 \echo :LAST_ERROR_SQLSTATE
-\set VERBOSITY verbose
 -- in a subquery evaluated once per outer row
 SELECT g, (SELECT agg_keep_single(s) FROM groups i WHERE i.g = o.g) FROM generate_series(1, 3) o(g);
 -- ordered input: policy false keeps the first row in that order
 SELECT agg_keep_single(v, false ORDER BY v DESC) FROM (VALUES (1), (3), (2)) t(v);
 SELECT agg_keep_single(DISTINCT v) FROM (VALUES (1), (1)) t(v);
-\set VERBOSITY default
 
 -- The serialised state, seen through a test aggregate whose final step is the serial function.
 CREATE FUNCTION keep_single_serialised_state(internal) RETURNS bytea
@@ -175,14 +191,14 @@ FROM (VALUES ('\x'::bytea),                              -- nothing after the le
              ('\x0101110000000000000000000000'),         -- ...but a NULL one
              ('\x0100170000000700000000000000')          -- an int4 state for a bytea aggregate
      ) v(b);
-\set VERBOSITY verbose
 TRUNCATE keep_single_bytes;
 INSERT INTO keep_single_bytes VALUES ('\x03');
 SELECT keep_single_from_bytes(b) FROM keep_single_bytes;
+\echo :LAST_ERROR_SQLSTATE
 TRUNCATE keep_single_bytes;
 INSERT INTO keep_single_bytes VALUES ('\x0100a40600000700000000000000');
 SELECT keep_single_numeric_from_bytes(b) FROM keep_single_bytes;
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 RESET parallel_setup_cost;
 RESET parallel_tuple_cost;
 RESET min_parallel_table_scan_size;

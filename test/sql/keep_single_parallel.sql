@@ -86,31 +86,55 @@ CREATE TABLE keep_single_par_toast_mismatch AS
 SELECT i, t_ext || (i % 2)::text AS t, y_ext || (i % 2)::text::bytea AS y FROM keep_single_par_toast;
 SET max_parallel_workers_per_gather = 0;
 SELECT agg_keep_single(b) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(y) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(i8) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(i2) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(i4, true) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(t) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(f4) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(f8) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(null_then_text) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(same, policy) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(t) FROM keep_single_par_toast_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(y) FROM keep_single_par_toast_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SET max_parallel_workers_per_gather = 2;
 EXPLAIN (COSTS OFF) SELECT agg_keep_single(b) FROM keep_single_par_mismatch;
 SELECT agg_keep_single(b) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(y) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(i8) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(i2) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(i4, true) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(t) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(f4) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(f8) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(null_then_text) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(same, policy) FROM keep_single_par_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(t) FROM keep_single_par_toast_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(y) FROM keep_single_par_toast_mismatch;
+\echo :LAST_ERROR_SQLSTATE
 -- with policy false the mismatches are ignored
 SELECT agg_keep_single(same, false) AS same, agg_keep_single(t, false) IN ('a', 'b') AS t
 FROM keep_single_par_mismatch;
@@ -129,12 +153,16 @@ INSERT INTO keep_single_parts SELECT p, p, 'value ' || p FROM generate_series(1,
 SET enable_partitionwise_aggregate = on;
 EXPLAIN (COSTS OFF) SELECT agg_keep_single(v) FROM keep_single_parts;
 SELECT agg_keep_single(v) FROM keep_single_parts;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(t, true) FROM keep_single_parts;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(v, false) IN (1, 2) AS one_of_them FROM keep_single_parts;
 SELECT agg_keep_single(v) FROM keep_single_parts WHERE p = 2;
 RESET enable_partitionwise_aggregate;
 SELECT agg_keep_single(v) FROM keep_single_parts;
+\echo :LAST_ERROR_SQLSTATE
 SELECT agg_keep_single(t, true) FROM keep_single_parts;
+\echo :LAST_ERROR_SQLSTATE
 DROP TABLE keep_single_parts;
 DROP TABLE keep_single_par, keep_single_par_toast, keep_single_par_empty, keep_single_par_mismatch,
            keep_single_par_toast_mismatch;

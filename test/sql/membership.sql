@@ -49,11 +49,12 @@ SELECT zm_int4rangepacked_contains_int4(12345, 7, pg_temp.p(1,9)) AS t,
        zm_int4rangepacked_contains_value(pg_temp.p(1,9), 7) AS packed_first_form_t;
 
 -- errors: 22023 "invalid range array" at the reported locations
-\set VERBOSITY verbose
 SELECT zm_int4range_overlap_rangearray('{1,2,3}', '{4,6}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_overlap_rangearray('{4,6}', '{1,2,3}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4rangepacked_in_rangearray(pg_temp.p(1,2), '{1,2,3}');
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 
 -- operators
 SELECT 5 <@ '{1,3,5,9}'::int4[] AS value_in_ranges, 4 <@ '{1,3,5,9}'::int4[] AS value_not_in_ranges;

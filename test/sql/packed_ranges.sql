@@ -5,7 +5,6 @@ SELECT extname FROM pg_extension WHERE extname IN ('kestrava_range_operators', '
 SET client_min_messages = warning;
 CREATE EXTENSION IF NOT EXISTS kestrava_range_operators;
 RESET client_min_messages;
-\set VERBOSITY verbose
 -- Packed ranges: upper << 32 | lower as unsigned 32 bits.
 SELECT zm_range_pack(5, 5) AS two_ints, zm_range_pack(ARRAY[5, 5]) AS array_form;
 SELECT zm_range_pack(-1, 0) AS minus_one_zero, zm_range_pack(-2, -1) AS minus_two_minus_one,
@@ -20,27 +19,38 @@ SELECT zm_range_pack('[0:1]={7,9}'::int4[]) = zm_range_pack(7, 9) AS lower_bound
 SELECT zm_range_pack('{7,9}'::int4[]), zm_range_pack(ARRAY[-7, -7]);
 -- lower = upper is one value; lower > upper is refused in both forms.
 SELECT zm_range_pack(3, 2);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[3, 2]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(2147483647, -2147483648);
+\echo :LAST_ERROR_SQLSTATE
 -- Arrays of any other shape or element type are refused.
 SELECT zm_range_pack(ARRAY[1, 2, 3]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[1]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack('{}'::int4[]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[[1, 2]]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[[1], [2]]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[1, 2]::int8[]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[1, 2]::float8[]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY['1', '2']::text[]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_range_pack(ARRAY[1, NULL]::int4[]);
+\echo :LAST_ERROR_SQLSTATE
 -- A slice of an array with a NULL keeps a null bitmap although its two elements are not NULL:
 -- refused as well.
 SELECT pg_column_size((ARRAY[1, 2, NULL])[1:2]) > pg_column_size(ARRAY[1, 2]) AS slice_has_null_bitmap;
 SELECT zm_range_pack((ARRAY[1, 2, NULL])[1:2]);
+\echo :LAST_ERROR_SQLSTATE
 -- A literal needs its type: int4[] and the refusing anyarray form both accept it.
-\set VERBOSITY default
 SELECT zm_range_pack('{1,2}');
 \echo :LAST_ERROR_SQLSTATE
-\set VERBOSITY verbose
 -- Strict: NULL in, NULL out.
 SELECT zm_range_pack(NULL::int4, 1) IS NULL AS a, zm_range_pack(1, NULL::int4) IS NULL AS b,
        zm_range_pack(NULL::int4[]) IS NULL AS c, zm_rangepacked_lower(NULL) IS NULL AS d,
@@ -55,8 +65,9 @@ AS '$libdir/libKestravaPgRangeOperators3_0', 'zm_range_pack' LANGUAGE C STRICT;
 CREATE FUNCTION pg_temp.pack_none() RETURNS int8
 AS '$libdir/libKestravaPgRangeOperators3_0', 'zm_range_pack' LANGUAGE C STRICT;
 SELECT pg_temp.pack_three(1, 2, 3);
+\echo :LAST_ERROR_SQLSTATE
 SELECT pg_temp.pack_none();
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 -- Random round trips: the bit placement and both accessors (mismatch count must be 0).
 SELECT setseed(0.5);
 WITH r AS (

@@ -61,17 +61,24 @@ SELECT zm_int4range_is_overlap('{}', '{1,3}') AS empty_side;
 SELECT zm_int4range_is_overlap(NULL, '{1,3}') IS NULL AS null_gives_null;
 
 -- Odd lengths: 42804 at the function's own reported line
-\set VERBOSITY verbose
 SELECT zm_int4range_union('{1,2,3}', NULL);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_union(NULL, '{1,2,3}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_union('{1,2,3}', '{1,2}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_union('{1,2}', '{1,2,3}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_intersection('{1,2,3}', '{1,2}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_exclusion('{1,2,3}', NULL);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_exclusion('{1,2}', '{1}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_is_strictly_include('{1,2,3}', '{1,2}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_is_overlap('{1,2}', '{1,2,3}');
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 -- An odd-length array read as empty (two dimensions) passes the check
 SELECT zm_int4range_union('{{1,2,3}}', '{1,2}');
 

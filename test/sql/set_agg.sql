@@ -55,16 +55,21 @@ SELECT zm_int4set_agg(x, l) FROM (VALUES (1, 'r'::"char"), (2, 's'), (4, 'x')) v
 SELECT zm_int4set_agg(i, a, o) FROM (VALUES ('s'::"char", '{1,2}'::int4[], 'm'::"char"), ('r', '{3}', 'x')) v(i, a, o);
 
 -- Errors.
-\set VERBOSITY verbose
 SELECT zm_int4set_agg('r', '{1,2,3}'::int4[], 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg('r', a, 'r') FROM (VALUES ('{1,2}'::int4[]), ('{5}')) v(a);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg(x, 'x') FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg(x, 'R') FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg(x, NULL) FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg('q', '{1}'::int4[], 's');
+\echo :LAST_ERROR_SQLSTATE
 -- A scalar output of more than 2147483647 values (checked before anything is allocated).
 SELECT zm_int4set_agg(-2147483648, 2147483646, 's');
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 -- The range and mix outputs of the same set; the mix count wraps (2^32 - 1 values read as -1).
 SELECT zm_int4set_agg(-2147483648, 2147483646, 'r') AS r, zm_int4set_agg(-2147483648, 2147483646, 'm') AS m;
 
@@ -113,15 +118,12 @@ DELETE FROM set_agg_parts WHERE x = 2147483647;
 SELECT pg_temp.set_agg_state(x, 'r') FROM unnest('{NULL}'::int4[]) x;
 INSERT INTO set_agg_parts VALUES (3, NULL, 'r');
 EXPLAIN (COSTS OFF) SELECT zm_int4set_agg(x, 'r') FROM set_agg_parts WHERE k = 3 AND x IS NULL OR k = 1;
-\set VERBOSITY verbose
 SELECT zm_int4set_agg(x, 'r') FROM set_agg_parts WHERE k = 3 AND x IS NULL OR k = 1;
-\set VERBOSITY default
 -- States built for different output letters do not combine.
 UPDATE set_agg_parts SET l = 's' WHERE k = 2;
 ANALYZE set_agg_parts;
-\set VERBOSITY verbose
 SELECT zm_int4set_agg(x, l) FROM set_agg_parts;
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 RESET enable_partitionwise_aggregate;
 SELECT zm_int4set_agg(x, l) FROM set_agg_parts WHERE k <> 2 OR x = 5000;
 
@@ -130,6 +132,7 @@ SELECT zm_int4set_agg(x, 'r') AS a, zm_int4set_agg(x, 'r') AS b FROM unnest('{3,
 SELECT zm_int4set_agg(x, 'r') = zm_int4set_agg(x, 'r') AS same FROM generate_series(1, 5000) x;
 -- Window use is refused cleanly.
 SELECT zm_int4set_agg(x, 'r') OVER (ORDER BY x) FROM unnest('{1,2}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 -- Many groups: each group's set equals array_agg(DISTINCT) expanded from the scalar output.
 SELECT count(*) AS groups,
        count(*) FILTER (WHERE s IS DISTINCT FROM d) AS mismatches

@@ -48,25 +48,39 @@ SELECT zm_int4set_agg_optimized('m', a, 20, 'r') AS r, zm_int4set_agg_optimized(
 FROM (VALUES ('{1,5}'::int4[]), ('{4,-2147483638,12,7}'), ('{1,-2147483630}')) v(a);
 
 -- Errors.
-\set VERBOSITY verbose
 SELECT zm_int4set_agg_optimized(x, 0, 'r') FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(x, -5, 'x') FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(x, NULL, 'r') FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(1, NULL, 100, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized('s', NULL::int4[], 100, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(x, 10, 'r') FROM unnest('{1,16}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(x, 10, 'r') FROM unnest('{-1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(8, 16, 10, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(-1, 3, 10, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized('s', '{1,2,16,3}'::int4[], 10, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized('r', '{1,2,-3,3}'::int4[], 10, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized('m', '{9,1,-2147483638,20}'::int4[], 10, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized('r', '{1,2,3}'::int4[], 10, 'r');
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized(x, 10, 'x') FROM unnest('{1}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4set_agg_optimized('R', '{1}'::int4[], 10, 's');
+\echo :LAST_ERROR_SQLSTATE
 -- All 2147483648 values of 0 .. 2147483647 (a bitfield of 256 MB): too many for a scalar array.
 SELECT zm_int4set_agg_optimized(0, 2147483647, 2147483647, 's');
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 
 -- The serialised state, shown by an aggregate whose final function is the serial function:
 -- input type byte, output type byte, int32 capacity, then the bytes in use (0x80 is value 0).
@@ -103,17 +117,18 @@ SELECT pg_temp.opt_combined(x, m, l) FROM opt_parts WHERE k = 1 OR x = 100;
 SELECT k % 2 AS g, zm_int4set_agg_optimized(x, m, 's') FROM opt_parts GROUP BY 1 ORDER BY 1;
 -- States built for different output letters do not combine.
 UPDATE opt_parts SET l = 's' WHERE k = 2;
-\set VERBOSITY verbose
 SELECT zm_int4set_agg_optimized(x, m, l) FROM opt_parts;
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 RESET enable_partitionwise_aggregate;
 SELECT zm_int4set_agg_optimized(x, m, l) FROM opt_parts;
+\echo :LAST_ERROR_SQLSTATE
 
 -- Two identical calls in one query get a state each (the final function consumes it).
 SELECT zm_int4set_agg_optimized(x, 10, 'r') AS a, zm_int4set_agg_optimized(x, 10, 'r') AS b
 FROM unnest('{3,1,2}'::int4[]) x;
 -- Window use is refused cleanly.
 SELECT zm_int4set_agg_optimized(x, 10, 'r') OVER (ORDER BY x) FROM unnest('{1,2}'::int4[]) x;
+\echo :LAST_ERROR_SQLSTATE
 -- Many groups: the same sets as zm_int4set_agg and array_agg(DISTINCT).
 SELECT count(*) AS groups,
        count(*) FILTER (WHERE o IS DISTINCT FROM s OR so IS DISTINCT FROM d OR mo IS DISTINCT FROM ms) AS mismatches

@@ -1,5 +1,4 @@
 CREATE EXTENSION IF NOT EXISTS kestrava_range_operators;
-\set VERBOSITY verbose
 
 -- Evaluates one expression given as parallel arrays of op codes and operand literals, in order.
 CREATE FUNCTION se_eval(ops int[], operands text[]) RETURNS int4[]
@@ -72,38 +71,59 @@ FROM (SELECT se_eval('{1,1}', '{"{1,5}","{8,9}"}') AS r) AS filled;
 -- Errors, with their SQLSTATE and reporting function.
 -- A NULL op code, even on the first row and even with a NULL operand.
 SELECT se_eval(ARRAY[NULL]::int[], '{"{1,2}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval(ARRAY[NULL]::int[], ARRAY[NULL]);
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval(ARRAY[1, NULL], '{"{1,2}","{3,4}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- A close at depth 0.
 SELECT se_eval('{4}', '{"{1,2}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{513,9}', '{"{1,2}","{3,4}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- Op code 4 at depth 1 closes the group, then operation 0 meets the operand.
 SELECT se_eval('{1,513,4}', '{"{1,2}","{5,6}","{8,9}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- A sixth open group, in one row or in a later one; 0x8001 asks for 64 opens.
 SELECT se_eval('{3073}', '{"{1,2}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{1537,1025,513}', '{"{1,2}","{1,2}","{1,2}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval(ARRAY[-32767], '{"{1,2}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- Operation 0 without opens, on the first row or later.
 SELECT se_eval('{0}', '{"{1,5}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{1,0}', '{"{1,5}","{6,9}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- Operation 0 on a row that opens a group fails only when the group is closed: by a later row ...
 SELECT se_eval('{1,512,5}', '{"{1,5}","{7,8}","{9,9}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- ... or by the final function.
 SELECT se_eval('{1,512}', '{"{1,5}","{7,8}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{1,512,1}', '{"{1,5}","{7,8}","{20,21}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- An operand of odd length.
 SELECT se_eval('{1}', '{"{1,2,3}"}');
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{1,1}', '{"{1,2}","{5}"}');
+\echo :LAST_ERROR_SQLSTATE
 -- Without ORDER BY inside the call the rows come in the plan's order, and the errors say how to fix
 -- that; with ORDER BY (above) they do not.
 SELECT zm_int4range_op(o, v) FROM (VALUES (4::int2, '{1,2}'::int4[])) t(o, v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_op(o, v) FROM (VALUES (1::int2, '{1,2}'::int4[]), (1::int2, '{5}')) t(o, v);
+\echo :LAST_ERROR_SQLSTATE
 SELECT zm_int4range_op(o, v) FROM (VALUES (1::int2, '{1,2}'::int4[]), (512::int2, '{5,6}')) t(o, v);
+\echo :LAST_ERROR_SQLSTATE
 -- Errors come in step order: closes, opens, operand length, operation.
 SELECT se_eval('{7173}', '{"{1,2,3}"}');            -- close 1 + open 14 at depth 0: the close
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{3073}', '{"{1,2,3}"}');            -- open 6 with an odd operand: the open
+\echo :LAST_ERROR_SQLSTATE
 SELECT se_eval('{0}', '{"{1,2,3}"}');               -- operation 0 with an odd operand: the length
-\set VERBOSITY default
+\echo :LAST_ERROR_SQLSTATE
 
 -- Declaration: transition non-strict, final function read-write, no combine, not parallel safe.
 SELECT p.proisstrict AS transfn_strict, a.aggfinalmodify, a.aggcombinefn, a.aggtransspace > 0 AS has_sspace,
