@@ -1,7 +1,11 @@
 // Range-array set operators and the aggregates built on the range algorithms.
 #include "zelmorraPgUtils.h"
+#include "zelmorraPgSetExpression.h"
+#include "zelmorraPgSetAggregate.h"
+#include "zelmorraPgBitFieldServer.h"
 
 extern "C" {
+#include "miscadmin.h"
 #include "nodes/primnodes.h"
 }
 
@@ -152,8 +156,6 @@ ArrayDataType ArrayDataTypeFromChar(char letter)
 // ---- set-expression aggregate ----
 // zm_int4range_op(int2, int4[]): rows of op codes and range arrays evaluated eagerly as one
 // parenthesised expression. The evaluation itself is in zelmorraPgSetExpression.h.
-
-#include "zelmorraPgSetExpression.h"
 
 extern "C" {
 PG_FUNCTION_INFO_V1(zm_int4range_op_transfn);
@@ -339,17 +341,12 @@ extern "C" Datum zm_int4range_op_finalfn(PG_FUNCTION_ARGS)
     PG_RETURN_ARRAYTYPE_P(result);
 }
 
-
 // ---- set aggregates ----
 
 // zm_int4set_agg: int4 values, lower/upper pairs or whole sets from many rows into one set, kept
 // as a sorted list of disjoint ranges (state logic in zelmorraPgSetAggregate.h).
 
-#include "zelmorraPgSetAggregate.h"
-
 extern "C" {
-#include "miscadmin.h"
-
 PG_FUNCTION_INFO_V1(zm_int4set_agg_transfn_A);
 PG_FUNCTION_INFO_V1(zm_int4set_agg_transfn_B);
 PG_FUNCTION_INFO_V1(zm_int4set_agg_finalfn);
@@ -598,13 +595,10 @@ extern "C" Datum zm_int4set_agg_deserialfn(PG_FUNCTION_ARGS)
     PG_RETURN_POINTER(state);
 }
 
-
 // ---- optimised set aggregate ----
 
 // zm_int4set_agg_optimized: the same job for values known to lie in 0..maxinput, on a bitfield
 // sized once on the first row (state logic in zelmorraPgSetAggregate.h).
-
-#include "zelmorraPgBitFieldServer.h"
 
 extern "C" {
 PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_transfn_A);

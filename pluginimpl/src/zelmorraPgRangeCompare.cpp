@@ -2,6 +2,11 @@
 // They read their arguments in place and allocate nothing beyond detoasting.
 #include "zelmorraPgUtils.h"
 #include "zelmorraPgPackedRange.h"
+#include "zelmorraPgBitFieldServer.h"
+
+extern "C" {
+#include "miscadmin.h"
+}
 
 using zm::pg::Int4ArrayView;
 using zm::pgRangeArray::Range;
@@ -99,11 +104,6 @@ extern "C" Datum zm_int4rangepacked_contains_value(PG_FUNCTION_ARGS)
 // ---- bitfield tests ----
 // Persisted bitfields (zelmorraPgBitField.h): first and last value of the span, then one bit per
 // value in whole 64-bit words.
-#include "zelmorraPgBitFieldServer.h"
-
-extern "C" {
-#include "miscadmin.h"
-}
 
 namespace zm {
 namespace pg {

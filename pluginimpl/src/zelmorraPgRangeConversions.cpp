@@ -1,9 +1,15 @@
 // Conversions: packed ranges, set representation conversion, bitfield building and counting,
 // bytea decoders.
 #include "zelmorraPgUtils.h"
+#include "zelmorraPgBitFieldServer.h"
+#include "zelmorraPgPackedRange.h"
+#include "zelmorraPgSetConversion.h"
+
+extern "C" {
+#include "miscadmin.h"
+}
 
 // ---- packed ranges ----
-#include "zelmorraPgPackedRange.h"
 
 extern "C" {
 PG_FUNCTION_INFO_V1(zm_range_pack);
@@ -50,13 +56,9 @@ extern "C" Datum zm_rangepacked_upper(PG_FUNCTION_ARGS)
     PG_RETURN_INT32(zm::pgRangeArray::unpackRange(PG_GETARG_INT64(0)).upper);
 }
 
-
 // ---- set representation conversion ----
-#include "zelmorraPgSetConversion.h"
 
 extern "C" {
-#include "miscadmin.h"
-
 PG_FUNCTION_INFO_V1(zm_int4setconv_int4);
 PG_FUNCTION_INFO_V1(zm_sort_int4);
 }
@@ -223,11 +225,8 @@ extern "C" Datum zm_sort_int4(PG_FUNCTION_ARGS)
 
 // ---- bitfield conversion and counting ----
 // The persisted bitfield of a set, and the number of values a set holds.
-#include "zelmorraPgBitFieldServer.h"
 
 extern "C" {
-#include "miscadmin.h"
-
 PG_FUNCTION_INFO_V1(zm_int4set2bitfield_int4);
 PG_FUNCTION_INFO_V1(zm_count_scalar_in_int4set);
 }
@@ -348,8 +347,6 @@ extern "C" Datum zm_count_scalar_in_int4set(PG_FUNCTION_ARGS)
         pg_unreachable();
     }
 }
-
-
 
 // ---- bytea decoders ----
 extern "C" {
