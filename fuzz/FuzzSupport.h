@@ -151,12 +151,6 @@ struct BitFieldErrors
     [[noreturn]] static void report(zm::BitFieldError) { throw FuzzError{bitFieldError}; }
 };
 
-struct NoInterrupts
-{
-    static void check() {}
-    static void checkInterrupts() {}
-};
-
 // Runs one input: error reports end it normally, and whatever it allocated is given back.
 template <typename F>
 int runInput(F&& body)

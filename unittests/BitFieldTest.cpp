@@ -499,8 +499,8 @@ TEST(BitFieldReader, ValueTwelveOfTenToTwenty)
 namespace {
 struct PollCount
 {
-    int calls = 0;
-    void operator()() { ++calls; }
+    static inline int calls = 0;
+    static void check() { ++calls; }
 };
 }  // namespace
 
@@ -509,14 +509,14 @@ TEST(BitFieldGistRule, LeafLooksAtTheLowerEndInnerAtTheCoveredSpan)
     const auto d = persisted(10, 20, 8, {0x20});  // value 12
     const zm::BitFieldInfo info = read(d);
     ASSERT_EQ(info.status, zm::BitFieldStatus::Ok);
-    PollCount poll;
-    EXPECT_TRUE(zm::bitFieldKeyConsistent(info, 12, 100, true, poll));
-    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 11, 12, true, poll));
-    EXPECT_TRUE(zm::bitFieldKeyConsistent(info, 11, 12, false, poll));
-    EXPECT_TRUE(zm::bitFieldKeyConsistent(info, -5, 12, false, poll));
-    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 13, 100, false, poll));
-    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 21, 30, false, poll));
-    EXPECT_EQ(poll.calls, 0);
+    PollCount::calls = 0;
+    EXPECT_TRUE(zm::bitFieldKeyConsistent<PollCount>(info, 12, 100, true));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent<PollCount>(info, 11, 12, true));
+    EXPECT_TRUE(zm::bitFieldKeyConsistent<PollCount>(info, 11, 12, false));
+    EXPECT_TRUE(zm::bitFieldKeyConsistent<PollCount>(info, -5, 12, false));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent<PollCount>(info, 13, 100, false));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent<PollCount>(info, 21, 30, false));
+    EXPECT_EQ(PollCount::calls, 0);
 }
 
 // Found by fuzzing: an inner key with its ends reversed (as only a damaged index holds) made the
@@ -526,10 +526,10 @@ TEST(BitFieldGistRule, ReversedInnerKeyCoversNothing)
     const auto d = persisted(0, 100, 16);
     const zm::BitFieldInfo info = read(d);
     ASSERT_EQ(info.status, zm::BitFieldStatus::Ok);
-    PollCount poll;
-    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 50, 10, false, poll));
-    EXPECT_FALSE(zm::bitFieldKeyConsistent(info, 100, 0, false, poll));
-    EXPECT_EQ(poll.calls, 0);
+    PollCount::calls = 0;
+    EXPECT_FALSE(zm::bitFieldKeyConsistent<PollCount>(info, 50, 10, false));
+    EXPECT_FALSE(zm::bitFieldKeyConsistent<PollCount>(info, 100, 0, false));
+    EXPECT_EQ(PollCount::calls, 0);
 }
 
 // ---- writer ----
@@ -538,8 +538,8 @@ namespace {
 
 struct CountPolls
 {
-    int calls = 0;
-    void operator()() { ++calls; }
+    static inline int calls = 0;
+    static void check() { ++calls; }
 };
 
 std::vector<uint8_t> build(char kind, const std::vector<int32_t>& e, int* polls = nullptr)
@@ -554,8 +554,8 @@ std::vector<uint8_t> build(char kind, const std::vector<int32_t>& e, int* polls 
         shape = zm::bitFieldShapeOfMixArray(e.data(), n);
     std::vector<uint8_t> d = persisted(shape.first, shape.last, shape.dataLength);
     std::fill(d.begin() + 12, d.end(), 0xA5);  // the writer must initialise every data byte
-    CountPolls poll;
-    zm::BitFieldSetWriter<CountPolls> w(d.data() + 12, shape, poll);
+    CountPolls::calls = 0;
+    zm::BitFieldSetWriter<CountPolls> w(d.data() + 12, shape);
     if (shape.writeItems)
     {
         if (kind == 'r')
@@ -567,7 +567,7 @@ std::vector<uint8_t> build(char kind, const std::vector<int32_t>& e, int* polls 
     }
     w.finish();
     if (polls)
-        *polls = poll.calls;
+        *polls = CountPolls::calls;
     return d;
 }
 
@@ -650,8 +650,8 @@ TEST(BitFieldWriter, ReversedRangeArraySpanIsSizedByTheWrappedCount)
     std::vector<uint8_t> data(8, 0xA5);
     zm::BitFieldShape cut = shape;
     cut.dataLength = 8;
-    CountPolls poll;
-    zm::BitFieldSetWriter<CountPolls> w(data.data(), cut, poll);
+    CountPolls::calls = 0;
+    zm::BitFieldSetWriter<CountPolls> w(data.data(), cut);
     w.rangeArray(reversed, 4);
     w.finish();
     EXPECT_EQ(data, std::vector<uint8_t>(8, 0));
@@ -765,8 +765,8 @@ TEST(BitFieldWriter, OneStoreWritingMatchesOringIntoZeroedDataForAnyInput)
                 naiveWrite(expected, static_cast<uint32_t>(l - first), static_cast<uint32_t>(u - first));
         }
         std::vector<uint8_t> data(shape.dataLength, 0x5A);
-        CountPolls poll;
-        zm::BitFieldSetWriter<CountPolls> w(data.data(), shape, poll);
+        CountPolls::calls = 0;
+        zm::BitFieldSetWriter<CountPolls> w(data.data(), shape);
         if (rng() % 2)
         {
             w.rangeArray(items.data(), static_cast<uint32_t>(items.size()));

@@ -94,7 +94,7 @@ Converted toMix(const std::vector<int32_t>& in)
 Converted rangesToScalars(const std::vector<int32_t>& in)
 {
     GuardedOutput out;
-    const Status status = sc::rangesToScalars<sc::NoInterrupts>(in.data(), in.size(), std::ref(out));
+    const Status status = sc::rangesToScalars<zm::NoInterrupts>(in.data(), in.size(), std::ref(out));
     if (status == Status::Ok)
     {
         EXPECT_TRUE(out.guardsIntact());
@@ -112,7 +112,7 @@ Converted rangesToMix(const std::vector<int32_t>& in)
 Converted mixToScalars(const std::vector<int32_t>& in, size_t maxValues = 1u << 26)
 {
     GuardedOutput out;
-    const Status status = sc::mixToScalars<sc::NoInterrupts>(in.data(), in.size(), maxValues, std::ref(out));
+    const Status status = sc::mixToScalars<zm::NoInterrupts>(in.data(), in.size(), maxValues, std::ref(out));
     if (status == Status::Ok)
     {
         EXPECT_TRUE(out.guardsIntact());
@@ -191,11 +191,11 @@ TEST(ConversionRangeToScalar, OverflowIsRefusedBeforeAllocating)
 {
     GuardedOutput out;
     const V whole{0, INT_MAX};  // 2^31 values
-    EXPECT_EQ(sc::rangesToScalars<sc::NoInterrupts>(whole.data(), whole.size(), std::ref(out)), Status::ArrayOverflow);
+    EXPECT_EQ(sc::rangesToScalars<zm::NoInterrupts>(whole.data(), whole.size(), std::ref(out)), Status::ArrayOverflow);
     const V all{INT_MIN, INT_MAX};
-    EXPECT_EQ(sc::rangesToScalars<sc::NoInterrupts>(all.data(), all.size(), std::ref(out)), Status::ArrayOverflow);
+    EXPECT_EQ(sc::rangesToScalars<zm::NoInterrupts>(all.data(), all.size(), std::ref(out)), Status::ArrayOverflow);
     const V twoHalves{0, 1 << 30, 0, 1 << 30};
-    EXPECT_EQ(sc::rangesToScalars<sc::NoInterrupts>(twoHalves.data(), twoHalves.size(), std::ref(out)), Status::ArrayOverflow);
+    EXPECT_EQ(sc::rangesToScalars<zm::NoInterrupts>(twoHalves.data(), twoHalves.size(), std::ref(out)), Status::ArrayOverflow);
     EXPECT_EQ(out.calls, 0);
 }
 
@@ -278,7 +278,7 @@ TEST(ConversionSort, SmallAndSpecial)
 {
     auto sorted = [](V in) {
         V out(in.size()), scratch(in.size());
-        sc::sortInt4<sc::NoInterrupts>(in.data(), out.data(), scratch.data(), in.size());
+        sc::sortInt4<zm::NoInterrupts>(in.data(), out.data(), scratch.data(), in.size());
         return out;
     };
     EXPECT_EQ(sorted({3, 1, 2, 1}), (V{1, 1, 2, 3}));
@@ -325,7 +325,7 @@ TEST(ConversionSort, RandomAgainstStdSort)
             }
             const V original = in;
             V out(n), scratch(n);
-            sc::sortInt4<sc::NoInterrupts>(in.data(), out.data(), scratch.data(), n);
+            sc::sortInt4<zm::NoInterrupts>(in.data(), out.data(), scratch.data(), n);
             V expected = in;
             std::sort(expected.begin(), expected.end());
             EXPECT_EQ(out, expected) << "n=" << n << " spread=" << spread;
@@ -382,7 +382,7 @@ TEST(ConversionMixWalk, RandomGarbageNeverReadsPastTheEnd)
         OwnedRanges ranges;
         const Status rangeStatus = sc::mixToRanges(data.get(), n, ranges.v);
         GuardedOutput out;
-        const Status scalarStatus = sc::mixToScalars<sc::NoInterrupts>(data.get(), n, 1000, std::ref(out));
+        const Status scalarStatus = sc::mixToScalars<zm::NoInterrupts>(data.get(), n, 1000, std::ref(out));
         if (scalarStatus == Status::Ok)
         {
             EXPECT_TRUE(out.guardsIntact());

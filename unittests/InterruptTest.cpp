@@ -22,14 +22,7 @@ namespace {
 struct Checks
 {
     static inline int count = 0;
-    static void checkInterrupts() { ++count; }
     static void check() { ++count; }
-};
-
-struct CountingPoll
-{
-    int* count;
-    void operator()() const { ++*count; }
 };
 
 // ---- bitfield tests ----
@@ -66,9 +59,9 @@ TEST(InterruptChecks, BitFieldOverlapPollsPerMegabyteScanned)
 {
     const WideBitField zero(0x00);
     const std::vector<int32_t> pairs = repeatedPair(1, static_cast<int32_t>(wideBits - 2), 4);
-    int polls = 0;
-    EXPECT_FALSE(zm::bitFieldAnyRange(zero.info, pairs.data(), 4, CountingPoll{&polls}));
-    EXPECT_GE(polls, 4 * 15);
+    Checks::count = 0;
+    EXPECT_FALSE(zm::bitFieldAnyRange<Checks>(zero.info, pairs.data(), 4));
+    EXPECT_GE(Checks::count, 4 * 15);
     EXPECT_FALSE(zm::bitFieldAnyRange(zero.info, pairs.data(), 4));
 
     // The same ranges as mix items: an opener (lower | bit 31), then the upper end.
@@ -78,23 +71,23 @@ TEST(InterruptChecks, BitFieldOverlapPollsPerMegabyteScanned)
         items.push_back(static_cast<int32_t>(1u | 0x80000000u));
         items.push_back(static_cast<int32_t>(wideBits - 2));
     }
-    polls = 0;
-    EXPECT_FALSE(zm::bitFieldAnyMixItem(zero.info, items.data(), static_cast<uint32_t>(items.size()), CountingPoll{&polls}));
-    EXPECT_GE(polls, 4 * 15);
+    Checks::count = 0;
+    EXPECT_FALSE(zm::bitFieldAnyMixItem<Checks>(zero.info, items.data(), static_cast<uint32_t>(items.size())));
+    EXPECT_GE(Checks::count, 4 * 15);
 
     // One wide range (the packed-range test).
-    polls = 0;
-    EXPECT_FALSE(zm::bitFieldOverlapsRange(zero.info, 0, static_cast<int32_t>(wideBits - 1), CountingPoll{&polls}));
-    EXPECT_GE(polls, 15);
+    Checks::count = 0;
+    EXPECT_FALSE(zm::bitFieldOverlapsRange<Checks>(zero.info, 0, static_cast<int32_t>(wideBits - 1)));
+    EXPECT_GE(Checks::count, 15);
 }
 
 TEST(InterruptChecks, BitFieldInclusionPollsPerMegabyteScanned)
 {
     const WideBitField full(0xFF);
     const std::vector<int32_t> pairs = repeatedPair(0, static_cast<int32_t>(wideBits - 1), 4);
-    int polls = 0;
-    EXPECT_TRUE(zm::bitFieldAllRanges(full.info, pairs.data(), 4, CountingPoll{&polls}));
-    EXPECT_GE(polls, 4 * 15);
+    Checks::count = 0;
+    EXPECT_TRUE(zm::bitFieldAllRanges<Checks>(full.info, pairs.data(), 4));
+    EXPECT_GE(Checks::count, 4 * 15);
     EXPECT_TRUE(zm::bitFieldAllRanges(full.info, pairs.data(), 4));
 
     std::vector<int32_t> items;
@@ -103,36 +96,37 @@ TEST(InterruptChecks, BitFieldInclusionPollsPerMegabyteScanned)
         items.push_back(static_cast<int32_t>(0x80000000u));
         items.push_back(static_cast<int32_t>(wideBits - 1));
     }
-    polls = 0;
-    EXPECT_TRUE(zm::bitFieldAllMixItems(full.info, items.data(), static_cast<uint32_t>(items.size()), CountingPoll{&polls}));
-    EXPECT_GE(polls, 4 * 15);
+    Checks::count = 0;
+    EXPECT_TRUE(zm::bitFieldAllMixItems<Checks>(full.info, items.data(), static_cast<uint32_t>(items.size())));
+    EXPECT_GE(Checks::count, 4 * 15);
 }
 
 TEST(InterruptChecks, BitFieldTestsPollPerManyMembers)
 {
     const WideBitField zero(0x00);
-    std::vector<int32_t> values(300000);
+    std::vector<int32_t> values(4 * size_t{zm::interruptCheckInterval} + 1);
     for (size_t i = 0; i < values.size(); ++i)
         values[i] = static_cast<int32_t>(i * 7);
-    int polls = 0;
-    EXPECT_FALSE(zm::bitFieldAnyValue(zero.info, values.data(), static_cast<uint32_t>(values.size()), CountingPoll{&polls}));
-    EXPECT_GE(polls, 4);
+    Checks::count = 0;
+    EXPECT_FALSE(zm::bitFieldAnyValue<Checks>(zero.info, values.data(), static_cast<uint32_t>(values.size())));
+    EXPECT_GE(Checks::count, 4);
 
     const WideBitField full(0xFF);
-    polls = 0;
-    EXPECT_TRUE(zm::bitFieldAllValues(full.info, values.data(), static_cast<uint32_t>(values.size()), CountingPoll{&polls}));
-    EXPECT_GE(polls, 4);
+    Checks::count = 0;
+    EXPECT_TRUE(zm::bitFieldAllValues<Checks>(full.info, values.data(), static_cast<uint32_t>(values.size())));
+    EXPECT_GE(Checks::count, 4);
 
     // Narrow ranges: polled by their number.
+    const int32_t pairCount = 3 * static_cast<int32_t>(zm::interruptCheckInterval) + 1;
     std::vector<int32_t> pairs;
-    for (int32_t i = 0; i < 200000; ++i)
+    for (int32_t i = 0; i < pairCount; ++i)
     {
         pairs.push_back(i * 10);
         pairs.push_back(i * 10 + 3);
     }
-    polls = 0;
-    EXPECT_TRUE(zm::bitFieldAllRanges(full.info, pairs.data(), 200000, CountingPoll{&polls}));
-    EXPECT_GE(polls, 3);
+    Checks::count = 0;
+    EXPECT_TRUE(zm::bitFieldAllRanges<Checks>(full.info, pairs.data(), static_cast<uint32_t>(pairCount)));
+    EXPECT_GE(Checks::count, 3);
 }
 
 // The sliced scans give the answers of the plain ones, ranges across slice borders included.
@@ -152,10 +146,10 @@ TEST(InterruptChecks, SlicedBitFieldScansAgreeWithPlainOnes)
             int32_t b = static_cast<int32_t>(rng() % (wideBits + 2000)) - 2000;
             if (a > b)
                 std::swap(a, b);
-            int polls = 0;
-            ASSERT_EQ(zm::bitFieldOverlapsRange(bits.info, a, b, CountingPoll{&polls}), zm::bitFieldOverlapsRange(bits.info, a, b))
+            Checks::count = 0;
+            ASSERT_EQ(zm::bitFieldOverlapsRange<Checks>(bits.info, a, b), zm::bitFieldOverlapsRange(bits.info, a, b))
                 << a << ".." << b;
-            ASSERT_EQ(zm::bitFieldIncludesRange(bits.info, a, b, CountingPoll{&polls}), zm::bitFieldIncludesRange(bits.info, a, b))
+            ASSERT_EQ(zm::bitFieldIncludesRange<Checks>(bits.info, a, b), zm::bitFieldIncludesRange(bits.info, a, b))
                 << a << ".." << b;
         }
     }

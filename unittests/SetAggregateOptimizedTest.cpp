@@ -28,7 +28,7 @@ struct OptimizedThrowingPolicy
 
 struct OptimizedHooks
 {
-    static void checkInterrupts() {}
+    static void check() {}
 };
 
 using OptState = zm::Int4ToSetOpDataOptimizedBase<TestAllocator, OptimizedThrowingPolicy, OptimizedHooks>;

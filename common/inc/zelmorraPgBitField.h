@@ -23,6 +23,8 @@
 #include <cstring>
 #include <type_traits>
 
+#include "zelmorraPgInterrupts.h"
+
 namespace zm {
 
 // ---- masks -----------------------------------------------------------------------------------
@@ -170,62 +172,37 @@ inline bool allBitsSet(const uint8_t* data, uint32_t lo, uint32_t hi)
 // ---- interruptible scans --------------------------------------------------------------------------
 //
 // A server must be able to cancel a long test: one over many wide ranges can scan a huge bitfield
-// once per range. The poll-taking overloads below call `poll()` (any callable) after every 1 MB of
-// bitfield scanned and every 65536 set members; the overloads without it never poll.
+// once per range. The scans below check their interrupt policy (zelmorraPgInterrupts.h) after every
+// interruptCheckInterval bytes of bitfield and every interruptCheckInterval set members.
 
-struct BitFieldNoPoll
-{
-    void operator()() const {}
-};
+// Offsets per scan slice: interruptCheckInterval bytes of bitfield.
+inline constexpr uint32_t bitFieldScanSliceBits = interruptCheckInterval * 8;
 
-// Offsets per scan slice: 1 MB of bitfield.
-inline constexpr uint32_t bitFieldScanSliceBits = uint32_t{1} << 23;
-inline constexpr uint32_t bitFieldMembersPerPoll = 65536;
-
-template <typename Poll>
-bool anyBitSet(const uint8_t* data, uint32_t lo, uint32_t hi, Poll& poll)
+template <typename Interrupts>
+bool anyBitSetInterruptibly(const uint8_t* data, uint32_t lo, uint32_t hi)
 {
     while (hi - lo >= bitFieldScanSliceBits)
     {
         if (anyBitSet(data, lo, lo + bitFieldScanSliceBits - 1))
             return true;
         lo += bitFieldScanSliceBits;
-        poll();
+        Interrupts::check();
     }
     return anyBitSet(data, lo, hi);
 }
 
-template <typename Poll>
-bool allBitsSet(const uint8_t* data, uint32_t lo, uint32_t hi, Poll& poll)
+template <typename Interrupts>
+bool allBitsSetInterruptibly(const uint8_t* data, uint32_t lo, uint32_t hi)
 {
     while (hi - lo >= bitFieldScanSliceBits)
     {
         if (!allBitsSet(data, lo, lo + bitFieldScanSliceBits - 1))
             return false;
         lo += bitFieldScanSliceBits;
-        poll();
+        Interrupts::check();
     }
     return allBitsSet(data, lo, hi);
 }
-
-namespace detail {
-// Counts set members and polls every bitFieldMembersPerPoll of them.
-template <typename Poll>
-struct MemberPoll
-{
-    Poll& poll;
-    uint32_t members;
-
-    void tick()
-    {
-        if (++members == bitFieldMembersPerPoll)
-        {
-            members = 0;
-            poll();
-        }
-    }
-};
-}  // namespace detail
 
 // ---- in-memory BitField ---------------------------------------------------------------------------
 
@@ -411,14 +388,14 @@ inline bool bitFieldHasValue(const BitFieldInfo& info, int32_t v)
 }
 
 // Some value of [lower, upper] lies in the span with its bit set. Ok status assumed.
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldOverlapsRange(const BitFieldInfo& info, int32_t lower, int32_t upper, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldOverlapsRange(const BitFieldInfo& info, int32_t lower, int32_t upper)
 {
     if (info.first > upper || info.last < lower || lower > upper)
         return false;
     const int32_t lo = lower > info.first ? lower : info.first;
     const int32_t hi = upper < info.last ? upper : info.last;
-    return anyBitSet(info.begin, bitFieldOffset(info.first, lo), bitFieldOffset(info.first, hi), poll);
+    return anyBitSetInterruptibly<Interrupts>(info.begin, bitFieldOffset(info.first, lo), bitFieldOffset(info.first, hi));
 }
 
 // ---- int4 sets against a persisted bitfield ------------------------------------------------------
@@ -469,86 +446,86 @@ inline bool forEachMixItem(const int32_t* items, uint32_t n, F f)
 
 // Every value of [lower, upper] lies in the span with its bit set (the rejects lower > last and
 // upper < first come first).
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldIncludesRange(const BitFieldInfo& info, int32_t lower, int32_t upper, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldIncludesRange(const BitFieldInfo& info, int32_t lower, int32_t upper)
 {
     if (lower > info.last || upper < info.first)
         return false;
     uint32_t lo, hi;
     if (!detail::clampToSpan(info, lower, upper, lo, hi))
         return true;
-    return allBitsSet(info.begin, lo, hi, poll);
+    return allBitsSetInterruptibly<Interrupts>(info.begin, lo, hi);
 }
 
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldAnyValue(const BitFieldInfo& info, const int32_t* values, uint32_t n, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldAnyValue(const BitFieldInfo& info, const int32_t* values, uint32_t n)
 {
-    detail::MemberPoll<Poll> members{poll, 0};
+    InterruptCountdown<Interrupts> members;
     for (uint32_t i = 0; i < n; ++i)
     {
         if (bitFieldHasValue(info, values[i]))
             return true;
-        members.tick();
+        members.step();
     }
     return false;
 }
 
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldAllValues(const BitFieldInfo& info, const int32_t* values, uint32_t n, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldAllValues(const BitFieldInfo& info, const int32_t* values, uint32_t n)
 {
-    detail::MemberPoll<Poll> members{poll, 0};
+    InterruptCountdown<Interrupts> members;
     for (uint32_t i = 0; i < n; ++i)
     {
         if (!bitFieldHasValue(info, values[i]))
             return false;
-        members.tick();
+        members.step();
     }
     return true;
 }
 
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldAnyRange(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldAnyRange(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount)
 {
-    detail::MemberPoll<Poll> members{poll, 0};
+    InterruptCountdown<Interrupts> members;
     for (uint32_t i = 0; i < pairCount; ++i)
     {
-        if (bitFieldOverlapsRange(info, pairs[2 * i], pairs[2 * i + 1], poll))
+        if (bitFieldOverlapsRange<Interrupts>(info, pairs[2 * i], pairs[2 * i + 1]))
             return true;
-        members.tick();
+        members.step();
     }
     return false;
 }
 
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldAllRanges(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldAllRanges(const BitFieldInfo& info, const int32_t* pairs, uint32_t pairCount)
 {
-    detail::MemberPoll<Poll> members{poll, 0};
+    InterruptCountdown<Interrupts> members;
     for (uint32_t i = 0; i < pairCount; ++i)
     {
-        if (!bitFieldIncludesRange(info, pairs[2 * i], pairs[2 * i + 1], poll))
+        if (!bitFieldIncludesRange<Interrupts>(info, pairs[2 * i], pairs[2 * i + 1]))
             return false;
-        members.tick();
+        members.step();
     }
     return true;
 }
 
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n)
 {
-    detail::MemberPoll<Poll> members{poll, 0};
-    return !detail::forEachMixItem(items, n, [&info, &poll, &members](int32_t lower, int32_t upper) {
-        members.tick();
-        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange(info, lower, upper, poll));
+    InterruptCountdown<Interrupts> members;
+    return !detail::forEachMixItem(items, n, [&info, &members](int32_t lower, int32_t upper) {
+        members.step();
+        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange<Interrupts>(info, lower, upper));
     });
 }
 
-template <typename Poll = BitFieldNoPoll>
-inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n, Poll&& poll = Poll())
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n)
 {
-    detail::MemberPoll<Poll> members{poll, 0};
-    return detail::forEachMixItem(items, n, [&info, &poll, &members](int32_t lower, int32_t upper) {
-        members.tick();
-        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange(info, lower, upper, poll);
+    InterruptCountdown<Interrupts> members;
+    return detail::forEachMixItem(items, n, [&info, &members](int32_t lower, int32_t upper) {
+        members.step();
+        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange<Interrupts>(info, lower, upper);
     });
 }
 
@@ -571,10 +548,10 @@ enum class BitFieldSetTest : uint8_t
     UnsupportedKind,  // a kind other than scalar, range or mix
 };
 
-// `elements` holds n > 0 elements; `info` is Ok. poll() runs between slices of long scans.
-template <typename Poll = BitFieldNoPoll>
+// `elements` holds n > 0 elements; `info` is Ok.
+template <typename Interrupts = NoInterrupts>
 inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFieldInfo& info, const int32_t* e,
-                                       uint32_t n, Poll&& poll = Poll())
+                                       uint32_t n)
 {
     const auto answer = [](bool b) { return b ? BitFieldSetTest::True : BitFieldSetTest::False; };
     int32_t min, max;
@@ -600,24 +577,23 @@ inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFie
     switch (static_cast<BitFieldSetKind>(kind))
     {
     case BitFieldSetKind::Scalar:
-        return answer(included ? bitFieldAllValues(info, e, n, poll) : bitFieldAnyValue(info, e, n, poll));
+        return answer(included ? bitFieldAllValues<Interrupts>(info, e, n) : bitFieldAnyValue<Interrupts>(info, e, n));
     case BitFieldSetKind::Range:
         if (n % 2 != 0)
             return BitFieldSetTest::OddRangeCount;
-        return answer(included ? bitFieldAllRanges(info, e, n / 2, poll) : bitFieldAnyRange(info, e, n / 2, poll));
+        return answer(included ? bitFieldAllRanges<Interrupts>(info, e, n / 2) : bitFieldAnyRange<Interrupts>(info, e, n / 2));
     case BitFieldSetKind::Mix:
-        return answer(included ? bitFieldAllMixItems(info, e + 1, n - 1, poll)
-                                : bitFieldAnyMixItem(info, e + 1, n - 1, poll));
+        return answer(included ? bitFieldAllMixItems<Interrupts>(info, e + 1, n - 1)
+                                : bitFieldAnyMixItem<Interrupts>(info, e + 1, n - 1));
     }
     return BitFieldSetTest::UnsupportedKind;
 }
 
 // A GiST key [lower, upper] against a bitfield query (Ok info): on a leaf the bit of the key's
 // lower end; on an inner page any set bit in the part of the span that the key covers. A wide key
-// over a huge bitfield can mean hundreds of megabytes, so that part is tested in slices of 2^26
-// offsets (8 MB of bits) with poll() between them.
-template <typename Poll>
-inline bool bitFieldKeyConsistent(const BitFieldInfo& info, int32_t lower, int32_t upper, bool leaf, Poll&& poll)
+// over a huge bitfield can mean hundreds of megabytes, so that part is scanned interruptibly.
+template <typename Interrupts = NoInterrupts>
+inline bool bitFieldKeyConsistent(const BitFieldInfo& info, int32_t lower, int32_t upper, bool leaf)
 {
     if (leaf)
         return bitFieldHasValue(info, lower);
@@ -627,15 +603,7 @@ inline bool bitFieldKeyConsistent(const BitFieldInfo& info, int32_t lower, int32
     uint32_t lo, hi;
     if (!detail::clampToSpan(info, lower, upper, lo, hi))
         return false;
-    constexpr uint32_t slice = uint32_t{1} << 26;
-    while (hi - lo >= slice)
-    {
-        if (anyBitSet(info.begin, lo, lo + slice - 1))
-            return true;
-        lo += slice;
-        poll();
-    }
-    return anyBitSet(info.begin, lo, hi);
+    return anyBitSetInterruptibly<Interrupts>(info.begin, lo, hi);
 }
 
 // ---- building a persisted bitfield from an int4 set -------------------------------------------------
@@ -698,44 +666,32 @@ inline BitFieldShape bitFieldShapeOfMixArray(const int32_t* elements, uint32_t n
 //
 // Whatever the input, nothing is written outside the data: values and range parts outside
 // [first, last] (possible only when the input is not sorted) are skipped, as is anything past the
-// data's last bit. `poll` is called between 1 MB slices of long fills and every 65536 items, so a
-// long write can be interrupted.
-template <typename Poll>
+// data's last bit. The interrupt policy is checked between slices of interruptCheckInterval bytes
+// of long fills and every interruptCheckInterval items, so a long write can be interrupted.
+template <typename Interrupts = NoInterrupts>
 struct BitFieldSetWriter
 {
-    static constexpr uint32_t sliceBytes = uint32_t{1} << 20;
-    static constexpr uint32_t itemsPerPoll = 65536;
-
     uint8_t* data;
     uint32_t dataLength;
     uint32_t initialised;  // bytes [0, initialised) hold their final value but for later ORs
     int32_t first;
     int32_t last;
-    Poll& poll;
-    uint32_t itemsSincePoll;
+    InterruptCountdown<Interrupts> items;
 
-    BitFieldSetWriter(uint8_t* data_, const BitFieldShape& shape, Poll& poll_)
-        : data(data_), dataLength(shape.dataLength), initialised(0), first(shape.first), last(shape.last),
-          poll(poll_), itemsSincePoll(0)
+    BitFieldSetWriter(uint8_t* data_, const BitFieldShape& shape)
+        : data(data_), dataLength(shape.dataLength), initialised(0), first(shape.first), last(shape.last)
     {
     }
 
-    void tick()
-    {
-        if (++itemsSincePoll == itemsPerPoll)
-        {
-            itemsSincePoll = 0;
-            poll();
-        }
-    }
+    void tick() { items.step(); }
 
     void fill(uint32_t from, uint32_t to, uint8_t byte)
     {
-        while (to - from > sliceBytes)
+        while (to - from > interruptCheckInterval)
         {
-            std::memset(data + from, byte, sliceBytes);
-            from += sliceBytes;
-            poll();
+            std::memset(data + from, byte, interruptCheckInterval);
+            from += interruptCheckInterval;
+            Interrupts::check();
         }
         std::memset(data + from, byte, to - from);
     }

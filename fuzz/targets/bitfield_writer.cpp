@@ -10,12 +10,6 @@ namespace {
 
 using fuzz::Input;
 
-struct CountingPoll
-{
-    int calls = 0;
-    void operator()() { ++calls; }
-};
-
 constexpr uint32_t maxDataLength = 1u << 16;
 
 // What the writer must produce: values and range parts inside [first, last] and inside the data.
@@ -133,8 +127,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         std::memcpy(datum + 8, &shape.last, 4);
         uint8_t* bits = datum + zm::bitFieldHeaderSize;
         std::memset(bits, 0xA5, shape.dataLength);
-        CountingPoll poll;
-        zm::BitFieldSetWriter<CountingPoll> writer(bits, shape, poll);
+        zm::BitFieldSetWriter<zm::NoInterrupts> writer(bits, shape);
         if (shape.writeItems)
         {
             if (kind == 4)

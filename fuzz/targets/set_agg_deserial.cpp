@@ -10,7 +10,7 @@ namespace {
 
 using IntRange = zm::pgRangeArray::Range<int>;
 using RangeVec = zm::tVectorBase<IntRange, fuzz::Allocator>;
-using State = zm::Int4ToSetOpDataSetBase<fuzz::Allocator, fuzz::NoInterrupts>;
+using State = zm::Int4ToSetOpDataSetBase<fuzz::Allocator, zm::NoInterrupts>;
 using zm::SetAggStatus;
 
 // A state from `length` bytes, or null when they are refused (with the refusal checked).

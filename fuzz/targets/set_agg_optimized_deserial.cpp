@@ -8,7 +8,7 @@
 
 namespace {
 
-using State = zm::Int4ToSetOpDataOptimizedBase<fuzz::NullableAllocator, fuzz::BitFieldErrors, fuzz::NoInterrupts>;
+using State = zm::Int4ToSetOpDataOptimizedBase<fuzz::NullableAllocator, fuzz::BitFieldErrors, zm::NoInterrupts>;
 using zm::OptimizedAggStatus;
 
 State* deserialise(const uint8_t* data, size_t length)

@@ -11,7 +11,7 @@ namespace {
 
 using fuzz::Input;
 using OptimizedAggStatus = zm::OptimizedAggStatus;
-using State = zm::Int4ToSetOpDataOptimizedBase<fuzz::NullableAllocator, fuzz::BitFieldErrors, fuzz::NoInterrupts>;
+using State = zm::Int4ToSetOpDataOptimizedBase<fuzz::NullableAllocator, fuzz::BitFieldErrors, zm::NoInterrupts>;
 
 // Offsets 0 .. size * 8 - 1, in the bitfield's own bit order (so that comparing is one memcmp).
 struct Reference

@@ -14,7 +14,7 @@ namespace {
 using fuzz::Input;
 using IntRange = zm::pgRangeArray::Range<int>;
 using RangeVec = zm::tVectorBase<IntRange, fuzz::Allocator>;
-using State = zm::Int4ToSetOpDataSetBase<fuzz::Allocator, fuzz::NoInterrupts>;
+using State = zm::Int4ToSetOpDataSetBase<fuzz::Allocator, zm::NoInterrupts>;
 
 bool sameRanges(const RangeVec& a, const RangeVec& b)
 {

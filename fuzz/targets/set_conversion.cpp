@@ -172,7 +172,7 @@ void scalarToRanges(const std::vector<int32_t>& v)
     {
         Output back;
         const Status again =
-            zm::setConversion::rangesToScalars<fuzz::NoInterrupts>(x.elements.data(), x.elements.size(), back);
+            zm::setConversion::rangesToScalars<zm::NoInterrupts>(x.elements.data(), x.elements.size(), back);
         FUZZ_CHECK(again == Status::Ok);
         std::vector<int32_t> distinct = v;
         distinct.erase(std::unique(distinct.begin(), distinct.end()), distinct.end());
@@ -194,7 +194,7 @@ void scalarToMix(const std::vector<int32_t>& v)
     if (!v.empty() && v.front() >= 0 && std::adjacent_find(v.begin(), v.end()) == v.end())
     {
         Output back;
-        const Status again = zm::setConversion::mixToScalars<fuzz::NoInterrupts>(x.elements.data(), x.elements.size(),
+        const Status again = zm::setConversion::mixToScalars<zm::NoInterrupts>(x.elements.data(), x.elements.size(),
                                                                               maxValues, back);
         FUZZ_CHECK(again == Status::Ok);
         FUZZ_CHECK(back.values() == v);
@@ -207,7 +207,7 @@ void rangesToScalars(const std::vector<int32_t>& r)
     Status status;
     try
     {
-        status = zm::setConversion::rangesToScalars<fuzz::NoInterrupts>(r.data(), r.size(), out);
+        status = zm::setConversion::rangesToScalars<zm::NoInterrupts>(r.data(), r.size(), out);
     }
     catch (const fuzz::FuzzError&)
     {
@@ -283,7 +283,7 @@ void mixToScalars(const std::vector<int32_t>& m)
     Status status;
     try
     {
-        status = zm::setConversion::mixToScalars<fuzz::NoInterrupts>(m.data(), m.size(), maxValues, out);
+        status = zm::setConversion::mixToScalars<zm::NoInterrupts>(m.data(), m.size(), maxValues, out);
     }
     catch (const fuzz::FuzzError&)
     {
@@ -362,7 +362,7 @@ void sortInt4(const std::vector<int32_t>& v, bool longer)
     int32_t* scratch = fuzz::exactArray<int32_t>(n);
     if (n)
         std::memcpy(src, input.data(), n * sizeof(int32_t));
-    zm::setConversion::sortInt4<fuzz::NoInterrupts>(src, dst, scratch, n);
+    zm::setConversion::sortInt4<zm::NoInterrupts>(src, dst, scratch, n);
     std::vector<int32_t> expected = input;
     std::sort(expected.begin(), expected.end());
     FUZZ_CHECK(std::equal(expected.begin(), expected.end(), dst));

@@ -93,7 +93,7 @@ inline bool valueQueryConsistent(const Range<int>& k, int32_t v) { return k.lowe
 
 // Range-array query: some pair overlaps k. The pairs are trusted to be sorted; the walk stops at
 // the first pair that starts beyond the key.
-template <typename Interrupts = NoInterruptCheck>
+template <typename Interrupts = NoInterrupts>
 bool rangeArrayQueryConsistent(const Range<int>& k, const Range<int>* first, const Range<int>* last)
 {
     return rangeOverlapsList<int, Interrupts>(k, first, last);

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "zelmorraPgInterrupts.h"
 #include "zelmorraPgVector.h"
 
 namespace zm {
@@ -27,44 +28,20 @@ struct Range
 
 static_assert(sizeof(Range<int>) == 8, "a range is read in place from two int4 elements");
 
-// Interrupt policy of the walks below (`static void check()`): the server passes one that lets a
-// cancel request through. Walks that write through an allocator default to the allocator's
-// `Interrupts` member type, so work done in server memory is interruptible without further ado;
-// otherwise (and for allocators without one: unit tests, fuzz targets) nothing interrupts.
-struct NoInterruptCheck
-{
-    static void check() {}
-};
-
+// Interrupt policy of the walks below (zelmorraPgInterrupts.h). Walks that write through an
+// allocator default to the allocator's `Interrupts` member type, so work done in server memory is
+// interruptible without further ado; otherwise (and for allocators without one: unit tests, fuzz
+// targets) nothing interrupts.
 template <typename A, typename = void>
 struct InterruptPolicyOf
 {
-    using type = NoInterruptCheck;
+    using type = NoInterrupts;
 };
 
 template <typename A>
 struct InterruptPolicyOf<A, std::void_t<typename A::Interrupts>>
 {
     using type = typename A::Interrupts;
-};
-
-// Steps between two checks: a walk over a gigabyte of ranges can take seconds.
-constexpr uint32_t interruptCheckInterval = uint32_t{1} << 20;
-
-// Counts the steps of a walk and checks every interruptCheckInterval of them; with
-// NoInterruptCheck it compiles to nothing.
-template <typename Interrupts>
-struct InterruptCountdown
-{
-    uint32_t left = interruptCheckInterval;
-    void step()
-    {
-        if (--left == 0)
-        {
-            left = interruptCheckInterval;
-            Interrupts::check();
-        }
-    }
 };
 
 // a - b in 32-bit two's complement, read as signed: the order of bounds more than 2^31 apart is
@@ -343,7 +320,7 @@ struct CheckedList
     const Range<int32_t>* at;          // the walk's current range
     const Range<int32_t>* checkedEnd;  // [begin, checkedEnd) is in canonical form
     const Range<int32_t>* end;
-    void (*poll)() = &NoInterruptCheck::check;  // the caller's interrupt check
+    void (*poll)() = &NoInterrupts::check;  // the caller's interrupt check
     uint32_t checkedSincePoll = 0;
 
     static CheckedList unchecked(const Range<int32_t>* first, const Range<int32_t>* last)
@@ -566,7 +543,7 @@ void computeExclusion(const Range<T>* aBegin, const Range<T>* aEnd, const Range<
 }
 
 // True when every range of A lies inside a single range of B; B ranges are not joined.
-template <typename T, typename Interrupts = NoInterruptCheck>
+template <typename T, typename Interrupts = NoInterrupts>
 bool isStrictlyIncluded(const Range<T>* aBegin, const Range<T>* aEnd, const Range<T>* bBegin, const Range<T>* bEnd)
 {
     if (aBegin == aEnd || bBegin == bEnd)
@@ -589,7 +566,7 @@ bool isStrictlyIncluded(const Range<T>* aBegin, const Range<T>* aEnd, const Rang
 }
 
 // True when some value lies in a range of A and in a range of B; touching is not overlapping.
-template <typename T, typename Interrupts = NoInterruptCheck>
+template <typename T, typename Interrupts = NoInterrupts>
 bool isOverlapping(const Range<T>* a, const Range<T>* aEnd, const Range<T>* b, const Range<T>* bEnd)
 {
     if (a == aEnd || b == bEnd)
@@ -616,7 +593,7 @@ bool isOverlapping(const Range<T>* a, const Range<T>* aEnd, const Range<T>* b, c
 }
 
 // One range r against a sorted range list: bounds check first, then a forward scan.
-template <typename T, typename Interrupts = NoInterruptCheck>
+template <typename T, typename Interrupts = NoInterrupts>
 bool rangeOverlapsList(const Range<T>& r, const Range<T>* first, const Range<T>* last)
 {
     if (first == last || (last - 1)->upper < r.lower || r.upper < first->lower)

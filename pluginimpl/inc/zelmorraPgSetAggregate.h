@@ -26,8 +26,8 @@
 // Template parameters:
 //   Allocator: see zelmorraPgVector.h (the bitfield's allocator: see zelmorraPgBitField.h).
 //   BitFieldErrors: the bitfield's error policy (zelmorraPgBitField.h).
-//   Hooks:     static void checkInterrupts(); called between batches and every few thousand
-//              elements of long loops, so that a cancel request is honoured.
+//   Interrupts: the interrupt policy (zelmorraPgInterrupts.h), checked between batches and every
+//              interruptCheckInterval steps of long loops, so that a cancel request is honoured.
 #pragma once
 
 #include <algorithm>
@@ -66,40 +66,13 @@ namespace setAggDetail {
 
 using IntRange = pgRangeArray::Range<int>;
 
-// Hooks that never interrupt, for the helpers' callers outside a state.
-struct NoInterruptChecks
-{
-    static void checkInterrupts() {}
-};
-
-// Elements handled between two interrupt checks in the long loops below.
-constexpr size_t interruptInterval = size_t{1} << 20;
-
-// memcpy of n bytes, a megabyte at a time with an interrupt check in between.
-template <typename Hooks>
-void copyInterruptibly(void* to, const void* from, size_t n)
-{
-    uint8_t* t = static_cast<uint8_t*>(to);
-    const uint8_t* f = static_cast<const uint8_t*>(from);
-    while (n > interruptInterval)
-    {
-        std::memcpy(t, f, interruptInterval);
-        t += interruptInterval;
-        f += interruptInterval;
-        n -= interruptInterval;
-        Hooks::checkInterrupts();
-    }
-    if (n)
-        std::memcpy(t, f, n);
-}
-
 // Sort key of a lower bound: signed order as unsigned order.
 inline uint32_t lowerKey(const IntRange& r) { return static_cast<uint32_t>(r.lower) ^ 0x80000000u; }
 
 // Sorts n ranges by lower bound (LSD radix sort, digits of 11, 11 and 10 bits; a digit that is
 // the same for every range costs no pass). `temp` holds n ranges. Returns where the sorted ranges
 // are: data or temp. Interrupts are checked every 2^20 ranges of each pass.
-template <typename Hooks = NoInterruptChecks>
+template <typename Interrupts = NoInterrupts>
 IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
 {
     if (n < 48)
@@ -120,8 +93,8 @@ IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
     std::memset(histogram, 0, sizeof histogram);
     for (size_t i = 0; i < n; ++i)
     {
-        if ((i & (interruptInterval - 1)) == interruptInterval - 1)
-            Hooks::checkInterrupts();
+        if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
+            Interrupts::check();
         const uint32_t k = lowerKey(data[i]);
         ++histogram[0][k & 2047];
         ++histogram[1][(k >> 11) & 2047];
@@ -145,8 +118,8 @@ IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
         }
         for (size_t i = 0; i < n; ++i)
         {
-            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
-                Hooks::checkInterrupts();
+            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
+                Interrupts::check();
             const IntRange r = src[i];
             dst[h[(lowerKey(r) >> shift) & mask]++] = r;
         }
@@ -193,7 +166,7 @@ inline size_t coalesceSorted(const IntRange* in, size_t n, IntRange* out)
 // pushOrMerge, a list met alone (the other empty or exhausted) is copied as a block after its
 // leading ranges that join the output. The choice between the inputs is made without a branch,
 // which on interleaved input halves the time of the walk. Interrupts are checked every 2^20 steps.
-template <typename Hooks = NoInterruptChecks, typename A>
+template <typename Interrupts = NoInterrupts, typename A>
 void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, const IntRange* bEnd,
                    tVectorBase<IntRange, A>& out)
 {
@@ -202,10 +175,10 @@ void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, c
     size_t steps = 0;
     while (a != aEnd && b != bEnd)
     {
-        if (++steps == interruptInterval)
+        if (++steps == interruptCheckInterval)
         {
             steps = 0;
-            Hooks::checkInterrupts();
+            Interrupts::check();
         }
         const bool takeB = b->lower < a->lower;
         const IntRange r = takeB ? *b : *a;
@@ -222,7 +195,7 @@ void unionWithRoom(const IntRange* a, const IntRange* aEnd, const IntRange* b, c
         joinInto(o[w - 1], *rest);
     const size_t restCount = static_cast<size_t>(restEnd - rest);
     if (restCount != 0)
-        copyInterruptibly<Hooks>(o + w, rest, restCount * sizeof(IntRange));
+        zm::copyInterruptibly<Interrupts>(o + w, rest, restCount * sizeof(IntRange));
     out.size = w + restCount;
 }
 
@@ -252,7 +225,7 @@ inline int32_t loadInt32(const uint8_t* from)
 
 // State of zm_int4set_agg. The first four fields are the state as the aggregate defines it; the
 // rest is the batching machinery described at the top of this file.
-template <typename Allocator, typename Hooks>
+template <typename Allocator, typename Interrupts>
 struct Int4ToSetOpDataSetBase
 {
     using IntRange = pgRangeArray::Range<int>;
@@ -260,7 +233,6 @@ struct Int4ToSetOpDataSetBase
 
     static constexpr size_t initialCapacity = 1024;
     static constexpr size_t defaultMinBatch = 65536;
-    static constexpr size_t interruptInterval = 8192;
 
     void* memoryContext;
     int32_t inputType;
@@ -326,10 +298,10 @@ struct Int4ToSetOpDataSetBase
             pending.release();
         }
         literalInsertWork += ranges.size;
-        if (literalInsertWork >= setAggDetail::interruptInterval)
+        if (literalInsertWork >= interruptCheckInterval)
         {
             literalInsertWork = 0;
-            Hooks::checkInterrupts();
+            Interrupts::check();
         }
         pgRangeArray::rangeArrayInsert(ranges, IntRange{lower, upper});
     }
@@ -339,8 +311,8 @@ struct Int4ToSetOpDataSetBase
     {
         for (size_t i = 0; i < count; ++i)
         {
-            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
-                Hooks::checkInterrupts();
+            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
+                Interrupts::check();
             addRange(data[i], data[i]);
         }
     }
@@ -352,8 +324,8 @@ struct Int4ToSetOpDataSetBase
             return SetAggStatus::NotRangeArray;
         for (size_t i = 0; i < count; i += 2)
         {
-            if ((i & (2 * interruptInterval - 1)) == 2 * interruptInterval - 2)
-                Hooks::checkInterrupts();
+            if ((i & (2 * interruptCheckInterval - 1)) == 2 * interruptCheckInterval - 2)
+                Interrupts::check();
             addRange(data[i], data[i + 1]);
         }
         return SetAggStatus::Ok;
@@ -365,8 +337,8 @@ struct Int4ToSetOpDataSetBase
     {
         for (size_t i = 1; i < count; ++i)
         {
-            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
-                Hooks::checkInterrupts();
+            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
+                Interrupts::check();
             const int32_t e = data[i];
             if (e >= 0)
                 addRange(e, e);
@@ -388,13 +360,13 @@ struct Int4ToSetOpDataSetBase
         const size_t p = pending.size;
         if (p == 0)
             return;
-        Hooks::checkInterrupts();
+        Interrupts::check();
         const size_t s = ranges.size;
         // The list's spare room doubles as the sort's scratch space and then takes the merge. It
         // grows by half the need rather than doubling: the list is the bulk of the state.
         if (ranges.capacity < s + p)
             regrow(ranges, s + p + (s + p) / 2);
-        IntRange* sorted = sortByLower<Hooks>(pending.data, ranges.data + s, p);
+        IntRange* sorted = sortByLower<Interrupts>(pending.data, ranges.data + s, p);
         const size_t b = coalesceSorted(sorted, p, pending.data);
         pending.size = 0;
 
@@ -417,15 +389,15 @@ struct Int4ToSetOpDataSetBase
             std::memcpy(&out[--k], &taken, sizeof taken);
             i -= takeList;
             j -= !takeList;
-            if ((k & 0xFFFFF) == 0)
-                Hooks::checkInterrupts();
+            if ((k & (interruptCheckInterval - 1)) == 0)
+                Interrupts::check();
         }
         while (j > 0)
             out[--k] = batch[--j];
         // out[0, i) is untouched and canonical; join touching ranges from the first moved one on.
         const size_t from = i > 0 ? i - 1 : 0;
         ranges.size = from + coalesceSorted(out + from, s + b - from, out + from);
-        Hooks::checkInterrupts();
+        Interrupts::check();
     }
 
     // ---- combine ----
@@ -450,7 +422,7 @@ struct Int4ToSetOpDataSetBase
             return SetAggStatus::CombineMismatch;
         Ranges merged;
         merged.init(std::max<size_t>(ranges.size + other.ranges.size, 1));
-        setAggDetail::unionWithRoom<Hooks>(ranges.begin(), ranges.end(), other.ranges.begin(), other.ranges.end(), merged);
+        setAggDetail::unionWithRoom<Interrupts>(ranges.begin(), ranges.end(), other.ranges.begin(), other.ranges.end(), merged);
         ranges.release();
         ranges = merged;
         return SetAggStatus::Ok;
@@ -473,7 +445,7 @@ struct Int4ToSetOpDataSetBase
                 ranges.release();
                 ranges.init(need);
             }
-            setAggDetail::unionWithRoom<Hooks>(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(),
+            setAggDetail::unionWithRoom<Interrupts>(a->ranges.begin(), a->ranges.end(), b->ranges.begin(), b->ranges.end(),
                                                ranges);
             return SetAggStatus::Ok;
         }
@@ -496,7 +468,7 @@ struct Int4ToSetOpDataSetBase
     {
         out[0] = static_cast<uint8_t>(inputType);
         out[1] = static_cast<uint8_t>(outputType);
-        setAggDetail::copyInterruptibly<Hooks>(out + headerBytes, ranges.data, ranges.size * sizeof(IntRange));
+        zm::copyInterruptibly<Interrupts>(out + headerBytes, ranges.data, ranges.size * sizeof(IntRange));
     }
 
     // Rebuilds a fresh state from `length` serialised bytes. The ranges are trusted as stored.
@@ -517,7 +489,7 @@ struct Int4ToSetOpDataSetBase
             ranges.release();
             ranges.init(n);
         }
-        setAggDetail::copyInterruptibly<Hooks>(ranges.data, in + headerBytes, d);
+        zm::copyInterruptibly<Interrupts>(ranges.data, in + headerBytes, d);
         ranges.size = n;
         return SetAggStatus::Ok;
     }
@@ -538,7 +510,7 @@ struct Int4ToSetOpDataSetBase
     // every 2^20 values, also within one wide range.
     void writeScalar(int32_t* out) const
     {
-        constexpr uint64_t interval = setAggDetail::interruptInterval;
+        constexpr uint64_t interval = interruptCheckInterval;
         uint64_t sinceCheck = 0;
         for (const IntRange& r : ranges)
         {
@@ -558,7 +530,7 @@ struct Int4ToSetOpDataSetBase
                 if (sinceCheck == interval)
                 {
                     sinceCheck = 0;
-                    Hooks::checkInterrupts();
+                    Interrupts::check();
                 }
             }
         }
@@ -678,7 +650,7 @@ enum class OptimizedAggStatus : uint8_t
 // State of zm_int4set_agg_optimized: one bit per value 0..M (bit order of zelmorraPgBitField.h),
 // sized once from M on the first row. A value v is accepted when its byte is in use
 // ((uint32) v >> 3 < size), so up to 7 values above M are accepted and negative ones are not.
-template <typename Allocator, typename BitFieldErrors, typename Hooks>
+template <typename Allocator, typename BitFieldErrors, typename Interrupts>
 struct Int4ToSetOpDataOptimizedBase
 {
     using Bits = BitFieldBase<Allocator, BitFieldErrors>;
@@ -698,7 +670,6 @@ struct Int4ToSetOpDataOptimizedBase
     // is written at once (a thousand buffered ranges of 256 MB each would make one step of minutes).
     static constexpr uint32_t batchMaxSpanBytes = 64;
     // Long writes, copies and scans check for interrupts after each megabyte.
-    static constexpr uint32_t interruptSliceBytes = uint32_t{1} << 20;
     pgRangeArray::Range<int>* pending;  // null: bits are set row by row
     uint32_t pendingCount;
 
@@ -751,10 +722,10 @@ struct Int4ToSetOpDataOptimizedBase
         bits.reserve(capacity);
         // Up to 256 MB to clear: a megabyte at a time, so that a cancel request gets through.
         const uint32_t lastByte = static_cast<uint32_t>(maxInput) >> 3;
-        while (bits.size + interruptSliceBytes < lastByte + 1)
+        while (bits.size + interruptCheckInterval < lastByte + 1)
         {
-            bits.resize(bits.size + interruptSliceBytes);
-            Hooks::checkInterrupts();
+            bits.resize(bits.size + interruptCheckInterval);
+            Interrupts::check();
         }
         if (!(lastByte < bits.size))
             bits.resize(lastByte + 1);
@@ -810,7 +781,7 @@ struct Int4ToSetOpDataOptimizedBase
         for (size_t i = 0; i < count; ++i)
         {
             if ((i & 8191) == 8191)
-                Hooks::checkInterrupts();
+                Interrupts::check();
             const int32_t v = data[i];
             if (holds(v))
                 bits.set(static_cast<uint32_t>(v));
@@ -828,7 +799,7 @@ struct Int4ToSetOpDataOptimizedBase
         for (size_t i = 0; i < count; i += 2)
         {
             if ((i & 8191) == 8190)
-                Hooks::checkInterrupts();
+                Interrupts::check();
             clippedRange(data[i], data[i + 1], outside);
         }
         return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
@@ -841,7 +812,7 @@ struct Int4ToSetOpDataOptimizedBase
         for (size_t i = 1; i < count; ++i)
         {
             if ((i & 8191) == 8191)
-                Hooks::checkInterrupts();
+                Interrupts::check();
             const int32_t e = data[i];
             if (e >= 0)
             {
@@ -869,7 +840,7 @@ struct Int4ToSetOpDataOptimizedBase
         bits.fill = other.bits.fill;
         bits.size = 0;
         bits.reserve(other.bits.capacity);
-        copyInterruptibly(bits.data, other.bits.data, other.bits.size);
+        zm::copyInterruptibly<Interrupts>(bits.data, other.bits.data, other.bits.size);
         bits.size = other.bits.size;
     }
 
@@ -886,8 +857,8 @@ struct Int4ToSetOpDataOptimizedBase
         uint32_t i = 0;
         for (; i + 8 <= n; i += 8)
         {
-            if ((i & (interruptSliceBytes - 1)) == 0 && i != 0)
-                Hooks::checkInterrupts();
+            if ((i & (interruptCheckInterval - 1)) == 0 && i != 0)
+                Interrupts::check();
             uint64_t a;
             uint64_t b;
             std::memcpy(&a, to + i, 8);
@@ -916,7 +887,7 @@ struct Int4ToSetOpDataOptimizedBase
         out[1] = static_cast<uint8_t>(outputType);
         setAggDetail::storeInt32(out + 2, initialised ? static_cast<int32_t>(bits.capacity) : 0);
         if (initialised)
-            copyInterruptibly(out + headerBytes, bits.data, bits.size);
+            zm::copyInterruptibly<Interrupts>(out + headerBytes, bits.data, bits.size);
     }
 
     // Rebuilds a fresh state from `length` serialised bytes. A capacity that is not a multiple of 8
@@ -934,7 +905,7 @@ struct Int4ToSetOpDataOptimizedBase
         if (d == 0 && capacity == 0)
             return OptimizedAggStatus::Ok;
         bits.reserve(static_cast<uint32_t>(capacity));
-        copyInterruptibly(bits.data, in + headerBytes, d);
+        zm::copyInterruptibly<Interrupts>(bits.data, in + headerBytes, d);
         bits.size = static_cast<uint32_t>(d);
         return OptimizedAggStatus::Ok;
     }
@@ -1074,19 +1045,14 @@ private:
     // Offsets lo..hi (lo <= hi, held), a megabyte at a time.
     void setRangeInterruptibly(uint32_t lo, uint32_t hi)
     {
-        constexpr uint32_t sliceBits = interruptSliceBytes * 8u;
+        constexpr uint32_t sliceBits = interruptCheckInterval * 8u;
         while (hi - lo >= sliceBits)
         {
             bits.setRange(lo, lo + sliceBits - 1);
             lo += sliceBits;
-            Hooks::checkInterrupts();
+            Interrupts::check();
         }
         bits.setRange(lo, hi);
-    }
-
-    static void copyInterruptibly(uint8_t* to, const uint8_t* from, size_t n)
-    {
-        setAggDetail::copyInterruptibly<Hooks>(to, from, n);
     }
 
     // Calls f(first offset, word) for the bytes in use as 64-bit words, the first value in the most
@@ -1099,8 +1065,8 @@ private:
         size_t i = 0;
         for (; i + 8 <= size; i += 8)
         {
-            if ((i & 0xFFFFF) == 0 && i != 0)
-                Hooks::checkInterrupts();
+            if ((i & (interruptCheckInterval - 1)) == 0 && i != 0)
+                Interrupts::check();
             f(static_cast<uint64_t>(i) * 8u, setAggDetail::loadBigEndian64(data + i));
         }
         if (i < size)

@@ -45,16 +45,6 @@ constexpr size_t initialCapacity = 1024;
 constexpr uint32_t rangeStartBit = 0x80000000u;
 constexpr size_t maxResultLength = 0x7fffffff;
 
-// Work units (values written or items read) between two interrupt checks. The input-linear
-// conversions check every 2^20 elements as well, with their allocator's interrupt policy
-// (pgRangeArray::InterruptPolicyOf).
-constexpr size_t interruptInterval = size_t(1) << 20;
-
-struct NoInterrupts
-{
-    static void check() {}
-};
-
 inline int32_t markRangeStart(int32_t lower)
 {
     return static_cast<int32_t>(static_cast<uint32_t>(lower) | rangeStartBit);
@@ -81,7 +71,7 @@ int32_t* writeValues(int32_t* out, int32_t lower, int32_t upper)
     uint64_t remaining = valueCount(lower, upper);
     while (remaining)
     {
-        const size_t chunk = static_cast<size_t>(std::min<uint64_t>(remaining, interruptInterval));
+        const size_t chunk = static_cast<size_t>(std::min<uint64_t>(remaining, interruptCheckInterval));
         for (size_t i = 0; i < chunk; ++i)
             out[i] = static_cast<int32_t>(value + static_cast<uint32_t>(i));
         out += chunk;
@@ -127,7 +117,7 @@ Status scalarToRanges(const int32_t* values, size_t count, tVectorBase<Range<int
     out.clear();
     if (count == 0)
         return Status::Ok;
-    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    InterruptCountdown<Interrupts> countdown;
     Range<int> run{values[0], values[0]};
     for (size_t i = 1; i < count; ++i)
     {
@@ -157,7 +147,7 @@ Status scalarToMix(const int32_t* values, size_t count, tVectorBase<int32_t, A>&
     out.clear();
     if (count == 0)
         return Status::Ok;
-    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    InterruptCountdown<Interrupts> countdown;
     out.push_back(static_cast<int32_t>(count));
     int32_t start = values[0];
     int32_t last = values[0];
@@ -199,7 +189,7 @@ Status rangesToScalars(const int32_t* data, size_t count, MakeOutput&& makeOutpu
     const Range<int>* first = reinterpret_cast<const Range<int>*>(data);
     const Range<int>* last = first + count / 2;
     uint64_t total = 0;
-    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    InterruptCountdown<Interrupts> countdown;
     for (const Range<int>* r = first; r != last; ++r)
     {
         countdown.step();
@@ -214,7 +204,7 @@ Status rangesToScalars(const int32_t* data, size_t count, MakeOutput&& makeOutpu
         if (r->lower > r->upper)
             continue;
         out = writeValues<Interrupts>(out, r->lower, r->upper);
-        if (++sinceCheck == interruptInterval)
+        if (++sinceCheck == interruptCheckInterval)
         {
             sinceCheck = 0;
             Interrupts::check();
@@ -233,7 +223,7 @@ Status rangesToMix(const int32_t* data, size_t count, tVectorBase<int32_t, A>& o
         return Status::OddRangeCount;
     if (count == 0)
         return Status::Ok;
-    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    InterruptCountdown<Interrupts> countdown;
     out.push_back(0);
     int32_t total = 0;
     for (size_t i = 0; i < count; i += 2)
@@ -273,7 +263,7 @@ Status mixToScalars(const int32_t* data, size_t count, size_t maxValues, MakeOut
     if (declared < 0 || static_cast<size_t>(declared) > maxValues)
         return Status::OutputTooSmall;
     uint64_t total = 0;
-    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    InterruptCountdown<Interrupts> countdown;
     const Status status = walkMixItems(data + 1, data + count, [&total, &countdown](int32_t lower, int32_t upper) {
         countdown.step();
         total += valueCount(lower, upper);
@@ -286,7 +276,7 @@ Status mixToScalars(const int32_t* data, size_t count, size_t maxValues, MakeOut
     size_t sinceCheck = 0;
     walkMixItems(data + 1, data + count, [&out, &sinceCheck](int32_t lower, int32_t upper) {
         out = writeValues<Interrupts>(out, lower, upper);
-        if (++sinceCheck == interruptInterval)
+        if (++sinceCheck == interruptCheckInterval)
         {
             sinceCheck = 0;
             Interrupts::check();
@@ -302,7 +292,7 @@ Status mixToRanges(const int32_t* data, size_t count, tVectorBase<Range<int>, A>
     out.clear();
     if (count <= 1)
         return Status::Ok;
-    pgRangeArray::InterruptCountdown<Interrupts> countdown;
+    InterruptCountdown<Interrupts> countdown;
     const Status status = walkMixItems(data + 1, data + count, [&out, &countdown](int32_t lower, int32_t upper) {
         countdown.step();
         out.push_back(Range<int>{lower, upper});
@@ -381,7 +371,7 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
     uint32_t histogram[digits][buckets] = {};
     for (size_t i = 0; i < n; ++i)
     {
-        if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+        if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
             Interrupts::check();
         const uint32_t k = key(src[i]);
         ++histogram[0][digitOf(k, 0)];
@@ -421,7 +411,7 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
         const unsigned shift = d * digitBits;
         for (size_t i = 0; i < n; ++i)
         {
-            if ((i & (interruptInterval - 1)) == interruptInterval - 1)
+            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
                 Interrupts::check();
             const int32_t v = from[i];
             to[position[(key(v) >> shift) & (buckets - 1)]++] = v;

@@ -31,7 +31,13 @@ namespace pg {
 // The one way out for every failure: the site's ERROR report (zelmorraPgErrorSites.h) with its
 // SQLSTATE, function, file, line and message, the message formatted with the arguments that follow.
 // A report without message text (out of memory) says "out of memory" in its DETAIL.
-[[noreturn]] void raise(const ErrorSite& site, ...);
+[[noreturn]] void raiseFormatted(const ErrorSite& site, const char* format, ...);
+
+template <typename... Args>
+[[noreturn]] inline void raise(const ErrorSite& site, Args... args)
+{
+    raiseFormatted(site, site.message, args...);
+}
 
 // The site's report (a message without arguments) with a DETAIL formatted from `detailFormat`, for
 // reports whose message alone does not say what was wrong (which argument, which value).
@@ -134,9 +140,6 @@ ArrayType* allocateResultArrayForOverwrite(size_t n)
 }
 
 inline ArrayType* allocateInt4ArrayForOverwrite(size_t n) { return allocateResultArrayForOverwrite<int32_t, INT4OID>(n); }
-
-// memcpy in 1 MB slices with an interrupt check in between (copies of up to a gigabyte).
-void copyInterruptibly(void* to, const void* from, size_t bytes);
 
 inline int32_t* int4Data(ArrayType* array) { return reinterpret_cast<int32_t*>(ARR_DATA_PTR(array)); }
 

@@ -70,7 +70,7 @@ __attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, b
     if (info.status != zm::BitFieldStatus::Ok)
         zm::pg::raise(zm::pg::site::gistBitFieldQuery);
     *recheck = !leaf;
-    return zm::bitFieldKeyConsistent(info, key.lower, key.upper, leaf, [] { CHECK_FOR_INTERRUPTS(); });
+    return zm::bitFieldKeyConsistent<zm::pg::ServerInterruptCheck>(info, key.lower, key.upper, leaf);
 }
 
 // Order of the keys for a sorted CREATE INDEX (zm_gist_range_sortsupport): the lower list's order of

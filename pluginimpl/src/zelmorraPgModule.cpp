@@ -29,7 +29,7 @@ namespace pg {
 
 namespace {
 
-void report(const ErrorSite& site, const char* message, const char* detail, const char* hint)
+[[noreturn]] void report(const ErrorSite& site, const char* message, const char* detail, const char* hint)
 {
     if (message == nullptr && detail == nullptr && site.sqlstate == outOfMemory)
         detail = "out of memory";
@@ -50,18 +50,26 @@ void report(const ErrorSite& site, const char* message, const char* detail, cons
 
 }  // namespace
 
-void raise(const ErrorSite& site, ...)
+// The format is a site's message from the catalogue, not a literal the compiler could check here.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wsuggest-attribute=format"
+#endif
+void raiseFormatted(const ErrorSite& site, const char* format, ...)
 {
     char message[512];
-    if (site.message)
+    if (format)
     {
         va_list args;
-        va_start(args, site);
-        vsnprintf(message, sizeof message, site.message, args);
+        va_start(args, format);
+        vsnprintf(message, sizeof message, format, args);
         va_end(args);
     }
-    report(site, site.message ? message : nullptr, nullptr, nullptr);
+    report(site, format ? message : nullptr, nullptr, nullptr);
 }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 
 void raiseWithDetail(const ErrorSite& site, const char* detailFormat, ...)
 {
@@ -114,34 +122,17 @@ MemoryContext createStateContext(MemoryContext aggregateContext, const char* nam
     return AllocSetContextCreateInternal(aggregateContext, name, ALLOCSET_DEFAULT_SIZES);
 }
 
-void copyInterruptibly(void* to, const void* from, size_t bytes)
-{
-    constexpr size_t slice = size_t{1} << 20;
-    char* t = static_cast<char*>(to);
-    const char* f = static_cast<const char*>(from);
-    while (bytes > slice)
-    {
-        memcpy(t, f, slice);
-        t += slice;
-        f += slice;
-        bytes -= slice;
-        CHECK_FOR_INTERRUPTS();
-    }
-    if (bytes)
-        memcpy(t, f, bytes);
-}
-
 ArrayType* rangesToArray(const pgRangeArray::Range<int>* first, size_t count)
 {
     ArrayType* result = allocateInt4ArrayForOverwrite(2 * count);
-    copyInterruptibly(int4Data(result), first, count * sizeof(pgRangeArray::Range<int>));
+    zm::copyInterruptibly<ServerInterruptCheck>(int4Data(result), first, count * sizeof(pgRangeArray::Range<int>));
     return result;
 }
 
 ArrayType* valuesToArray(const int32_t* first, size_t count)
 {
     ArrayType* result = allocateInt4ArrayForOverwrite(count);
-    copyInterruptibly(int4Data(result), first, count * sizeof(int32_t));
+    zm::copyInterruptibly<ServerInterruptCheck>(int4Data(result), first, count * sizeof(int32_t));
     return result;
 }
 

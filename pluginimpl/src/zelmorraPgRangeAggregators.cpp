@@ -358,12 +358,7 @@ PG_FUNCTION_INFO_V1(zm_int4set_agg_deserialfn);
 namespace zm {
 namespace pg {
 
-struct ServerHooks
-{
-    static void checkInterrupts() { CHECK_FOR_INTERRUPTS(); }
-};
-
-using Int4ToSetOpDataSet = Int4ToSetOpDataSetBase<PallocAllocator, ServerHooks>;
+using Int4ToSetOpDataSet = Int4ToSetOpDataSetBase<PallocAllocator, ServerInterruptCheck>;
 static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataSet>, "states live across longjmp");
 
 }  // namespace pg
@@ -612,7 +607,7 @@ PG_FUNCTION_INFO_V1(zm_int4set_agg_optimized_deserialfn);
 namespace zm {
 namespace pg {
 
-using Int4ToSetOpDataOptimized = Int4ToSetOpDataOptimizedBase<BitFieldPallocAllocator, BitFieldErrorReport, ServerHooks>;
+using Int4ToSetOpDataOptimized = Int4ToSetOpDataOptimizedBase<BitFieldPallocAllocator, BitFieldErrorReport, ServerInterruptCheck>;
 static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataOptimized>, "states live across longjmp");
 static_assert(offsetof(Int4ToSetOpDataOptimized, pending) == 40, "context, two types, capacity, size, data, fill");
 

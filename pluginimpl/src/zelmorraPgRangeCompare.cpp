@@ -136,12 +136,6 @@ PG_FUNCTION_INFO_V1(zm_int4set_included_in_bitfield);
 
 namespace {
 
-// Lets a cancel request through between the slices of a long scan (see zelmorraPgBitField.h).
-struct InterruptPoll
-{
-    void operator()() const { CHECK_FOR_INTERRUPTS(); }
-};
-
 const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
 {
     return reinterpret_cast<const bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(argument)));
@@ -168,7 +162,7 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
     zm::BitFieldInfo info{};
     if (!zm::pg::getBitFieldInfo(bitfield, info.begin, info.end, info.first, info.last))
         return false;
-    switch (zm::bitFieldTestSet(kind, included, info, set.data, static_cast<uint32_t>(set.count), InterruptPoll()))
+    switch (zm::bitFieldTestSet<zm::pg::ServerInterruptCheck>(kind, included, info, set.data, static_cast<uint32_t>(set.count)))
     {
     case zm::BitFieldSetTest::False:
         return false;
@@ -208,7 +202,7 @@ extern "C" Datum zm_int4rangepacked_in_rangebitfield(PG_FUNCTION_ARGS)
         PG_RETURN_BOOL(false);
     if (info.status != zm::BitFieldStatus::Ok)
         zm::pg::raise(zm::pg::site::packedInBitFieldLength);
-    PG_RETURN_BOOL(zm::bitFieldOverlapsRange(info, packed.lower, packed.upper, InterruptPoll()));
+    PG_RETURN_BOOL(zm::bitFieldOverlapsRange<zm::pg::ServerInterruptCheck>(info, packed.lower, packed.upper));
 }
 
 extern "C" Datum zm_int4set_overlap_bitfield(PG_FUNCTION_ARGS)

@@ -67,11 +67,6 @@ namespace zm {
 namespace pg {
 namespace setConversionGlue {
 
-struct ServerInterrupts
-{
-    static void check() { CHECK_FOR_INTERRUPTS(); }
-};
-
 // Largest int4[] the server can allocate in one piece.
 constexpr size_t maxInt4ArrayLength = (MaxAllocSize - ARR_OVERHEAD_NONULLS(1)) / sizeof(int32_t);
 
@@ -175,7 +170,7 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
     }
     else if (from == zm::pgRangeArray::ArrayDataTypeRange && to == zm::pgRangeArray::ArrayDataTypeScalar)
     {
-        const Status status = zm::setConversion::rangesToScalars<ServerInterrupts>(input.data, count, makeOutput);
+        const Status status = zm::setConversion::rangesToScalars<ServerInterruptCheck>(input.data, count, makeOutput);
         if (status != Status::Ok)
             raiseConversionStatus(status, input.count);
     }
@@ -189,7 +184,7 @@ extern "C" Datum zm_int4setconv_int4(PG_FUNCTION_ARGS)
     else if (to == zm::pgRangeArray::ArrayDataTypeScalar)
     {
         const Status status =
-            zm::setConversion::mixToScalars<ServerInterrupts>(input.data, count, maxInt4ArrayLength, makeOutput);
+            zm::setConversion::mixToScalars<ServerInterruptCheck>(input.data, count, maxInt4ArrayLength, makeOutput);
         if (status != Status::Ok)
             raiseConversionStatus(status, input.count);
     }
@@ -217,7 +212,7 @@ extern "C" Datum zm_sort_int4(PG_FUNCTION_ARGS)
     if (n)
     {
         int32_t* scratch = static_cast<int32_t*>(PallocAllocator::allocate(n * sizeof(int32_t)));
-        zm::setConversion::sortInt4<setConversionGlue::ServerInterrupts>(input.data, int4Data(result), scratch, n);
+        zm::setConversion::sortInt4<ServerInterruptCheck>(input.data, int4Data(result), scratch, n);
         pfree(scratch);
     }
     PG_RETURN_ARRAYTYPE_P(result);
@@ -232,11 +227,6 @@ PG_FUNCTION_INFO_V1(zm_count_scalar_in_int4set);
 }
 
 namespace {
-
-struct InterruptPoll
-{
-    void operator()() const { CHECK_FOR_INTERRUPTS(); }
-};
 
 // Sum of (upper - lower + 1) over the pairs, each width wrapped in int32 and summed in 64 bits;
 // four pairs per step so that the compiler can keep the widths in vector registers.
@@ -257,17 +247,17 @@ int64_t sumRangeWidthsOfChunk(const int32_t* pairs, uint32_t pairCount)
     return total;
 }
 
-// The same over any number of pairs, 2^20 at a time with an interrupt check in between.
+// The same over any number of pairs, interruptCheckInterval at a time with a check in between.
 int64_t sumRangeWidths(const int32_t* pairs, uint32_t pairCount)
 {
-    constexpr uint32_t chunk = uint32_t{1} << 20;
+    constexpr uint32_t chunk = zm::interruptCheckInterval;
     int64_t total = 0;
     while (pairCount > chunk)
     {
         total += sumRangeWidthsOfChunk(pairs, chunk);
         pairs += 2 * size_t{chunk};
         pairCount -= chunk;
-        CHECK_FOR_INTERRUPTS();
+        zm::pg::ServerInterruptCheck::check();
     }
     return total + sumRangeWidthsOfChunk(pairs, pairCount);
 }
@@ -308,8 +298,7 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
     memcpy(bytes, &shape.first, sizeof(int32_t));
     memcpy(bytes + 4, &shape.last, sizeof(int32_t));
     // The data is not zeroed first: the writer stores each byte once (see BitFieldSetWriter).
-    InterruptPoll poll;
-    zm::BitFieldSetWriter<InterruptPoll> writer(bytes + 8, shape, poll);
+    zm::BitFieldSetWriter<zm::pg::ServerInterruptCheck> writer(bytes + 8, shape);
     if (shape.writeItems)
     {
         if (kind == zm::pgRangeArray::ArrayDataTypeRange)
@@ -367,7 +356,7 @@ extern "C" Datum zm_bytea2floatarray(PG_FUNCTION_ARGS)
     if (status != zm::setConversion::Status::Ok)
         zm::pg::raise(zm::pg::site::floatPayloadLength);
     ArrayType* result = zm::pg::allocateResultArrayForOverwrite<float4, FLOAT4OID>(count);
-    zm::pg::copyInterruptibly(ARR_DATA_PTR(result), VARDATA(payload), bytes);
+    zm::copyInterruptibly<zm::pg::ServerInterruptCheck>(ARR_DATA_PTR(result), VARDATA(payload), bytes);
     PG_RETURN_ARRAYTYPE_P(result);
 }
 
