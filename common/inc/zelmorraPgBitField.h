@@ -24,6 +24,7 @@
 #include <type_traits>
 
 #include "zelmorraPgInterrupts.h"
+#include "zelmorraPgSetForms.h"
 
 namespace zm {
 
@@ -434,7 +435,7 @@ inline bool forEachMixItem(const int32_t* items, uint32_t n, F f)
         }
         else
         {
-            const int32_t lower = static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu);
+            const int32_t lower = mix::rangeLower(e);
             const int32_t upper = i + 1 < n ? items[++i] : lower;
             if (!f(lower, upper))
                 return false;
@@ -533,13 +534,6 @@ inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, 
 // member has (overlap). The set's quick bounds are taken without scanning, from its first and last
 // elements (for a mix array the first item's lower bound; a lone count element gives 0 and 0), so
 // an unsorted scalar array is judged by them before any element is tested.
-enum class BitFieldSetKind : int32_t
-{
-    Scalar = 3,  // the codes of the kind letters 's', 'r', 'm'
-    Range = 4,
-    Mix = 5,
-};
-
 enum class BitFieldSetTest : uint8_t
 {
     False,
@@ -555,15 +549,15 @@ inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFie
 {
     const auto answer = [](bool b) { return b ? BitFieldSetTest::True : BitFieldSetTest::False; };
     int32_t min, max;
-    switch (static_cast<BitFieldSetKind>(kind))
+    switch (kind)
     {
-    case BitFieldSetKind::Scalar:
-    case BitFieldSetKind::Range:
+    case pgRangeArray::ArrayDataTypeScalar:
+    case pgRangeArray::ArrayDataTypeRange:
         min = e[0];
         max = e[n - 1];
         break;
-    case BitFieldSetKind::Mix:
-        min = n == 1 ? 0 : static_cast<int32_t>(static_cast<uint32_t>(e[1]) & 0x7fffffffu);
+    case pgRangeArray::ArrayDataTypeMix:
+        min = n == 1 ? 0 : mix::rangeLower(e[1]);
         max = n == 1 ? 0 : e[n - 1];
         break;
     default:
@@ -574,15 +568,15 @@ inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFie
 
     if (included && (min < info.first || max > info.last))
         return BitFieldSetTest::False;
-    switch (static_cast<BitFieldSetKind>(kind))
+    switch (kind)
     {
-    case BitFieldSetKind::Scalar:
+    case pgRangeArray::ArrayDataTypeScalar:
         return answer(included ? bitFieldAllValues<Interrupts>(info, e, n) : bitFieldAnyValue<Interrupts>(info, e, n));
-    case BitFieldSetKind::Range:
+    case pgRangeArray::ArrayDataTypeRange:
         if (n % 2 != 0)
             return BitFieldSetTest::OddRangeCount;
         return answer(included ? bitFieldAllRanges<Interrupts>(info, e, n / 2) : bitFieldAnyRange<Interrupts>(info, e, n / 2));
-    case BitFieldSetKind::Mix:
+    case pgRangeArray::ArrayDataTypeMix:
         return answer(included ? bitFieldAllMixItems<Interrupts>(info, e + 1, n - 1)
                                 : bitFieldAnyMixItem<Interrupts>(info, e + 1, n - 1));
     }
@@ -649,7 +643,7 @@ inline BitFieldShape bitFieldShapeOfMixArray(const int32_t* elements, uint32_t n
 {
     if (n == 0)
         return BitFieldShape{0, -1, 8, false};
-    const int32_t first = n >= 2 ? static_cast<int32_t>(static_cast<uint32_t>(elements[1]) & 0x7fffffffu) : 0;
+    const int32_t first = n >= 2 ? mix::rangeLower(elements[1]) : 0;
     const int32_t last = elements[n - 1];
     const uint32_t length = first <= last ? bitFieldDataLength(bitFieldCount(first, last)) : 1;
     if (elements[0] == 0)

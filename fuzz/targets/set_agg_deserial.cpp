@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             if (second)
                 bound += second->ranges.size;
             FUZZ_CHECK(combined->ranges.size <= std::max<size_t>(bound, 0));
-            if (first && second && first->inputType != zm::setAggType::Uninitialised)
+            if (first && second && first->inputType != zm::pgRangeArray::ArrayDataTypeUninitialised)
             {
                 RangeVec expected;
                 expected.init(1);

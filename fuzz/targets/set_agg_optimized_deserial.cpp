@@ -49,7 +49,7 @@ State* deserialise(const uint8_t* data, size_t length)
     FUZZ_CHECK(state->bits.size == d && state->bits.capacity == static_cast<uint32_t>(capacity));
     FUZZ_CHECK(state->bits.size <= state->bits.capacity);
     FUZZ_CHECK(d == 0 || std::memcmp(state->bits.data, data + 6, d) == 0);
-    if (state->inputType != zm::setAggType::Uninitialised)
+    if (state->inputType != zm::pgRangeArray::ArrayDataTypeUninitialised)
     {
         FUZZ_CHECK(state->serialisedSize() == length);
         uint8_t* again = fuzz::exactArray<uint8_t>(length);
@@ -101,7 +101,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             combined->copyFrom(*first);
         if (second)
         {
-            if (combined->inputType == zm::setAggType::Uninitialised)
+            if (combined->inputType == zm::pgRangeArray::ArrayDataTypeUninitialised)
                 combined->copyFrom(*second);
             else
                 status = combined->addOtherCtx(*second);
@@ -112,7 +112,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
             return;
         }
         FUZZ_CHECK(combined->bits.size <= combined->bits.capacity);
-        if (first && second && first->inputType != zm::setAggType::Uninitialised)
+        if (first && second && first->inputType != zm::pgRangeArray::ArrayDataTypeUninitialised)
         {
             FUZZ_CHECK(combined->bits.size == std::max(first->bits.size, second->bits.size));
             for (uint32_t i = 0; i < combined->bits.size; ++i)

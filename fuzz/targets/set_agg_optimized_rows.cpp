@@ -209,8 +209,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         if (maxInput <= 0)
             return;  // refused by the transition before the state is sized
         state.sizeFor(maxInput);
-        state.inputType = zm::setAggType::Range;
-        state.outputType = zm::setAggType::Range;
+        state.inputType = zm::pgRangeArray::ArrayDataTypeRange;
+        state.outputType = zm::pgRangeArray::ArrayDataTypeRange;
         FUZZ_CHECK(state.bits.capacity % 8 == 0 && state.bits.size <= state.bits.capacity);
         FUZZ_CHECK(state.bits.size == (static_cast<uint32_t>(maxInput) >> 3) + 1);
         FUZZ_CHECK(uint64_t{state.bits.capacity} * 8 >= uint64_t(maxInput) + 1);

@@ -163,8 +163,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         State state;
         state.init(nullptr, true);
         state.minBatch = 1 + in.u8() % 64;  // small batches, so that merges happen often
-        state.inputType = zm::setAggType::Range;
-        state.outputType = zm::setAggType::Range;
+        state.inputType = zm::pgRangeArray::ArrayDataTypeRange;
+        state.outputType = zm::pgRangeArray::ArrayDataTypeRange;
         State parts[2];
         for (State& part : parts)
         {

@@ -14,6 +14,7 @@
 #include <type_traits>
 
 #include "zelmorraPgInterrupts.h"
+#include "zelmorraPgSetForms.h"
 #include "zelmorraPgVector.h"
 
 namespace zm {
@@ -627,7 +628,7 @@ void pushIntoMixArray(tVectorBase<int32_t, A>& out, int32_t lower, int32_t upper
         out.push_back(lower);
         return;
     }
-    out.push_back(static_cast<int32_t>(static_cast<uint32_t>(lower) | 0x80000000u));
+    out.push_back(mix::rangeOpener(lower));
     out.push_back(upper);
 }
 

@@ -41,15 +41,6 @@
 
 namespace zm {
 
-// Array data type codes of the set aggregates (the letter codes match ArrayDataTypeFromChar).
-namespace setAggType {
-constexpr int32_t Uninitialised = 0;
-constexpr int32_t SingleValue = 1;     // one int4 per row (input only)
-constexpr int32_t LowerUpperPair = 2;  // an int4 lower and upper per row (input only)
-constexpr int32_t Scalar = 3;
-constexpr int32_t Range = 4;
-constexpr int32_t Mix = 5;
-}  // namespace setAggType
 
 enum class SetAggStatus : uint8_t
 {
@@ -255,8 +246,8 @@ struct Int4ToSetOpDataSetBase
     void init(void* context, bool rowsFollow = true)
     {
         memoryContext = context;
-        inputType = setAggType::Uninitialised;
-        outputType = setAggType::Uninitialised;
+        inputType = pgRangeArray::ArrayDataTypeUninitialised;
+        outputType = pgRangeArray::ArrayDataTypeUninitialised;
         ranges.init(initialCapacity);
         pending.capacity = 0;
         pending.size = 0;
@@ -332,7 +323,7 @@ struct Int4ToSetOpDataSetBase
     }
 
     // Items of a mix array after its count element: e >= 0 is [e, e], a negative e opens the range
-    // [e & 0x7fffffff, next element]. A range opener without a next element is ignored.
+    // [e with bit 31 cleared, next element]. A range opener without a next element is ignored.
     void addMixArray(const int32_t* data, size_t count)
     {
         for (size_t i = 1; i < count; ++i)
@@ -344,7 +335,7 @@ struct Int4ToSetOpDataSetBase
                 addRange(e, e);
             else if (i + 1 < count)
             {
-                addRange(static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu), data[i + 1]);
+                addRange(mix::rangeLower(e), data[i + 1]);
                 ++i;
             }
         }
@@ -405,7 +396,7 @@ struct Int4ToSetOpDataSetBase
     // Merges other (flushed) into this (flushed) state; other is not changed.
     SetAggStatus addOtherCtx(const Int4ToSetOpDataSetBase& other)
     {
-        if (inputType == setAggType::Uninitialised)
+        if (inputType == pgRangeArray::ArrayDataTypeUninitialised)
         {
             inputType = other.inputType;
             outputType = other.outputType;
@@ -432,8 +423,8 @@ struct Int4ToSetOpDataSetBase
     // for an argument that is not there), without first copying a when both are there.
     SetAggStatus addOtherCtxPair(const Int4ToSetOpDataSetBase* a, const Int4ToSetOpDataSetBase* b)
     {
-        if (a != nullptr && b != nullptr && a->inputType != setAggType::Uninitialised &&
-            inputType == setAggType::Uninitialised)
+        if (a != nullptr && b != nullptr && a->inputType != pgRangeArray::ArrayDataTypeUninitialised &&
+            inputType == pgRangeArray::ArrayDataTypeUninitialised)
         {
             if (a->inputType != b->inputType || a->outputType != b->outputType)
                 return SetAggStatus::CombineMismatch;
@@ -480,7 +471,7 @@ struct Int4ToSetOpDataSetBase
         outputType = in[1];
         const size_t d = length - headerBytes;
         if (d == 0)
-            return inputType == setAggType::Uninitialised ? SetAggStatus::Ok : SetAggStatus::EmptyRangeArray;
+            return inputType == pgRangeArray::ArrayDataTypeUninitialised ? SetAggStatus::Ok : SetAggStatus::EmptyRangeArray;
         if (d % sizeof(IntRange) != 0)
             return SetAggStatus::InvalidRangeArraySize;
         const size_t n = d / sizeof(IntRange);
@@ -561,7 +552,7 @@ struct Int4ToSetOpDataSetBase
                 *out++ = r.lower;
             else
             {
-                *out++ = static_cast<int32_t>(static_cast<uint32_t>(r.lower) | 0x80000000u);
+                *out++ = mix::rangeOpener(r.lower);
                 *out++ = r.upper;
             }
         }
@@ -676,8 +667,8 @@ struct Int4ToSetOpDataOptimizedBase
     void init(void* context)
     {
         memoryContext = context;
-        inputType = setAggType::Uninitialised;
-        outputType = setAggType::Uninitialised;
+        inputType = pgRangeArray::ArrayDataTypeUninitialised;
+        outputType = pgRangeArray::ArrayDataTypeUninitialised;
         bits.init(0);
         pending = nullptr;
         pendingCount = 0;
@@ -823,7 +814,7 @@ struct Int4ToSetOpDataOptimizedBase
             }
             else if (i + 1 < count)
             {
-                clippedRange(static_cast<int32_t>(static_cast<uint32_t>(e) & 0x7fffffffu), data[i + 1], outside);
+                clippedRange(mix::rangeLower(e), data[i + 1], outside);
                 ++i;
             }
         }
@@ -877,12 +868,12 @@ struct Int4ToSetOpDataOptimizedBase
 
     size_t serialisedSize() const
     {
-        return headerBytes + (inputType == setAggType::Uninitialised ? 0 : bits.size);
+        return headerBytes + (inputType == pgRangeArray::ArrayDataTypeUninitialised ? 0 : bits.size);
     }
 
     void toBytes(uint8_t* out) const
     {
-        const bool initialised = inputType != setAggType::Uninitialised;
+        const bool initialised = inputType != pgRangeArray::ArrayDataTypeUninitialised;
         out[0] = static_cast<uint8_t>(inputType);
         out[1] = static_cast<uint8_t>(outputType);
         setAggDetail::storeInt32(out + 2, initialised ? static_cast<int32_t>(bits.capacity) : 0);
@@ -1012,7 +1003,7 @@ struct Int4ToSetOpDataOptimizedBase
                 *out++ = static_cast<int32_t>(static_cast<uint32_t>(a));
             else
             {
-                *out++ = static_cast<int32_t>(static_cast<uint32_t>(a) | 0x80000000u);
+                *out++ = mix::rangeOpener(a);
                 *out++ = static_cast<int32_t>(static_cast<uint32_t>(b));
             }
         });

@@ -42,18 +42,7 @@ enum class Status
 // Initial capacity of the working vectors; they double from there.
 constexpr size_t initialCapacity = 1024;
 
-constexpr uint32_t rangeStartBit = 0x80000000u;
 constexpr size_t maxResultLength = 0x7fffffff;
-
-inline int32_t markRangeStart(int32_t lower)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(lower) | rangeStartBit);
-}
-
-inline int32_t clearRangeStart(int32_t element)
-{
-    return static_cast<int32_t>(static_cast<uint32_t>(element) & ~rangeStartBit);
-}
 
 // Number of values in [lower, upper]; 0 when lower > upper.
 inline uint64_t valueCount(int32_t lower, int32_t upper)
@@ -100,7 +89,7 @@ Status walkMixItems(const int32_t* item, const int32_t* end, Visit&& visit)
         }
         if (item == end)
             return Status::InvalidRangeDefinition;
-        const int32_t lower = clearRangeStart(element);
+        const int32_t lower = mix::rangeLower(element);
         const int32_t upper = *item++;
         if (upper < 0 || upper < lower)
             return Status::InvalidRangeDefinition;
@@ -168,7 +157,7 @@ Status scalarToMix(const int32_t* values, size_t count, tVectorBase<int32_t, A>&
         }
         else
         {
-            out.push_back(markRangeStart(start));
+            out.push_back(mix::rangeOpener(start));
             out.push_back(last);
         }
         start = last = x;
@@ -238,7 +227,7 @@ Status rangesToMix(const int32_t* data, size_t count, tVectorBase<int32_t, A>& o
         }
         else
         {
-            out.push_back(markRangeStart(lower));
+            out.push_back(mix::rangeOpener(lower));
             out.push_back(upper);
         }
     }
@@ -365,7 +354,7 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
     constexpr unsigned digitBits = 11;
     constexpr unsigned buckets = 1u << digitBits;
     constexpr unsigned digits = 3;
-    auto key = [](int32_t v) { return static_cast<uint32_t>(v) ^ rangeStartBit; };
+    auto key = [](int32_t v) { return static_cast<uint32_t>(v) ^ 0x80000000u; };  // signed order as unsigned
     auto digitOf = [](uint32_t k, unsigned d) { return (k >> (d * digitBits)) & (buckets - 1); };
 
     uint32_t histogram[digits][buckets] = {};

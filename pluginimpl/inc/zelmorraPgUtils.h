@@ -186,17 +186,6 @@ ArrayType* valuesToArray(const int32_t* first, size_t count);
 
 namespace pgRangeArray {
 
-// Representation codes of the kind letters and the set aggregates' input forms.
-enum ArrayDataType : int32_t
-{
-    ArrayDataTypeUninitialised = 0,
-    ArrayDataTypeSingleValue = 1,
-    ArrayDataTypeLowerUpperPair = 2,
-    ArrayDataTypeScalar = 3,
-    ArrayDataTypeRange = 4,
-    ArrayDataTypeMix = 5,
-};
-
 // 'r', 's' and 'm' (case-sensitive); anything else is an error.
 ArrayDataType ArrayDataTypeFromChar(char letter);
 

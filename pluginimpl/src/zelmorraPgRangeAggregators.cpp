@@ -364,11 +364,6 @@ static_assert(std::is_trivially_destructible_v<Int4ToSetOpDataSet>, "states live
 }  // namespace pg
 }  // namespace zm
 
-static_assert(zm::setAggType::Scalar == zm::pgRangeArray::ArrayDataTypeScalar &&
-                  zm::setAggType::Range == zm::pgRangeArray::ArrayDataTypeRange &&
-                  zm::setAggType::Mix == zm::pgRangeArray::ArrayDataTypeMix,
-              "kind letter codes");
-
 namespace {
 
 using zm::SetAggStatus;
@@ -435,11 +430,11 @@ Datum int4SetAggTransition(FunctionCallInfo fcinfo, bool letterGivesInput)
     if (state == nullptr)
         state = newSetState(aggregate, "zm_int4set_agg_transfn", true);
 
-    if (state->inputType == zm::setAggType::Uninitialised)
+    if (state->inputType == zm::pgRangeArray::ArrayDataTypeUninitialised)
     {
         const int nargs = PG_NARGS();
         const int32_t input = letterGivesInput ? zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, 1))
-                                               : (nargs == 3 ? zm::setAggType::SingleValue : zm::setAggType::LowerUpperPair);
+                                               : (nargs == 3 ? zm::pgRangeArray::ArrayDataTypeSingleValue : zm::pgRangeArray::ArrayDataTypeLowerUpperPair);
         const int32_t output = zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, nargs == 3 ? 2 : 3));
         state->inputType = input;
         state->outputType = output;
@@ -449,7 +444,7 @@ Datum int4SetAggTransition(FunctionCallInfo fcinfo, bool letterGivesInput)
     // the state's context.
     const int32_t input = state->inputType;
     zm::pg::Int4ArrayView set{nullptr, 0, false};
-    const bool isSetRow = input == zm::setAggType::Scalar || input == zm::setAggType::Range || input == zm::setAggType::Mix;
+    const bool isSetRow = input == zm::pgRangeArray::ArrayDataTypeScalar || input == zm::pgRangeArray::ArrayDataTypeRange || input == zm::pgRangeArray::ArrayDataTypeMix;
     if (isSetRow && argumentGiven(fcinfo, 2))
         set = zm::pg::viewInt4Array(zm::pg::detoastArray(PG_GETARG_DATUM(2)));
 
@@ -457,21 +452,21 @@ Datum int4SetAggTransition(FunctionCallInfo fcinfo, bool letterGivesInput)
     MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
     switch (input)
     {
-        case zm::setAggType::SingleValue:
+        case zm::pgRangeArray::ArrayDataTypeSingleValue:
             if (argumentGiven(fcinfo, 1))
                 state->addValue(PG_GETARG_INT32(1));
             break;
-        case zm::setAggType::LowerUpperPair:
+        case zm::pgRangeArray::ArrayDataTypeLowerUpperPair:
             if (argumentGiven(fcinfo, 1) && argumentGiven(fcinfo, 2))
                 state->addRange(PG_GETARG_INT32(1), PG_GETARG_INT32(2));
             break;
-        case zm::setAggType::Scalar:
+        case zm::pgRangeArray::ArrayDataTypeScalar:
             state->addScalarArray(set.data, static_cast<size_t>(set.count));
             break;
-        case zm::setAggType::Range:
+        case zm::pgRangeArray::ArrayDataTypeRange:
             status = state->addRangeArray(set.data, static_cast<size_t>(set.count));
             break;
-        case zm::setAggType::Mix:
+        case zm::pgRangeArray::ArrayDataTypeMix:
             state->addMixArray(set.data, static_cast<size_t>(set.count));
             break;
         default:
@@ -505,14 +500,14 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
     ArrayType* result = nullptr;
     switch (state->outputType)
     {
-        case zm::setAggType::Range:
+        case zm::pgRangeArray::ArrayDataTypeRange:
         {
             if (state->ranges.size > static_cast<size_t>(INT32_MAX) / 2)
                 zm::pg::raiseWithDetail(site::setAggRangeOverflow, ZM_OVERSIZED_DETAIL, 2 * static_cast<uint64_t>(state->ranges.size));
             result = zm::pg::rangesToArray(state->ranges.data, state->ranges.size);
             break;
         }
-        case zm::setAggType::Scalar:
+        case zm::pgRangeArray::ArrayDataTypeScalar:
         {
             const uint64_t count = state->scalarCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
@@ -521,7 +516,7 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             state->writeScalar(zm::pg::int4Data(result));
             break;
         }
-        case zm::setAggType::Mix:
+        case zm::pgRangeArray::ArrayDataTypeMix:
         {
             const uint64_t count = state->mixElementCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
@@ -661,7 +656,7 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
 {
     const int nargs = PG_NARGS();
     const int maxInputAt = nargs == 4 ? 2 : 3;
-    if (state->inputType == zm::setAggType::Uninitialised)
+    if (state->inputType == zm::pgRangeArray::ArrayDataTypeUninitialised)
     {
         // The NULL test looks at argument 2 whatever the form, so a NULL upper bound or set on the
         // first row reads as a missing maxinput too.
@@ -669,7 +664,7 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
         if (maxInput <= 0 || PG_ARGISNULL(2))
             raiseOptimizedStatus(OptimizedAggStatus::InvalidMaxInput, 0, 0);
         const int32_t input = letterGivesInput ? zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, 1))
-                                               : (nargs == 4 ? zm::setAggType::SingleValue : zm::setAggType::LowerUpperPair);
+                                               : (nargs == 4 ? zm::pgRangeArray::ArrayDataTypeSingleValue : zm::pgRangeArray::ArrayDataTypeLowerUpperPair);
         const int32_t output = zm::pgRangeArray::ArrayDataTypeFromChar(letterArgument(fcinfo, maxInputAt + 1));
         MemoryContext caller = MemoryContextSwitchTo(static_cast<MemoryContext>(state->memoryContext));
         state->sizeFor(maxInput);
@@ -684,7 +679,7 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
     int32_t value = 0;
     int32_t rowElements = 0;
     const int32_t input = state->inputType;
-    if (input == zm::setAggType::SingleValue)
+    if (input == zm::pgRangeArray::ArrayDataTypeSingleValue)
     {
         if (argumentGiven(fcinfo, 1))
         {
@@ -692,21 +687,21 @@ void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, b
             status = state->addValue(value);
         }
     }
-    else if (input == zm::setAggType::LowerUpperPair)
+    else if (input == zm::pgRangeArray::ArrayDataTypeLowerUpperPair)
     {
         if (argumentGiven(fcinfo, 1) && argumentGiven(fcinfo, 2))
             status = state->addRange(PG_GETARG_INT32(1), PG_GETARG_INT32(2));
     }
-    else if (input == zm::setAggType::Scalar || input == zm::setAggType::Range || input == zm::setAggType::Mix)
+    else if (input == zm::pgRangeArray::ArrayDataTypeScalar || input == zm::pgRangeArray::ArrayDataTypeRange || input == zm::pgRangeArray::ArrayDataTypeMix)
     {
         if (argumentGiven(fcinfo, 2))
         {
             const zm::pg::Int4ArrayView set = zm::pg::viewInt4Array(zm::pg::detoastArray(PG_GETARG_DATUM(2)));
             rowElements = set.count;
             const size_t count = static_cast<size_t>(set.count);
-            if (input == zm::setAggType::Scalar)
+            if (input == zm::pgRangeArray::ArrayDataTypeScalar)
                 status = state->addScalarArray(set.data, count);
-            else if (input == zm::setAggType::Range)
+            else if (input == zm::pgRangeArray::ArrayDataTypeRange)
                 status = state->addRangeArray(set.data, count);
             else
                 status = state->addMixArray(set.data, count);
@@ -751,13 +746,13 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
     uint64_t count = 0;
     switch (state->outputType)
     {
-        case zm::setAggType::Scalar:
+        case zm::pgRangeArray::ArrayDataTypeScalar:
             count = state->bitCount();
             break;
-        case zm::setAggType::Range:
+        case zm::pgRangeArray::ArrayDataTypeRange:
             count = 2 * state->runCount();
             break;
-        case zm::setAggType::Mix:
+        case zm::pgRangeArray::ArrayDataTypeMix:
             count = state->mixElementCount();
             break;
         default:
@@ -767,9 +762,9 @@ extern "C" Datum zm_int4set_agg_optimized_finalfn(PG_FUNCTION_ARGS)
         zm::pg::raiseWithDetail(site::optimizedOverflow, ZM_OVERSIZED_DETAIL, count);
     ArrayType* result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));  // the writers fill all of it
     int32_t* out = zm::pg::int4Data(result);
-    if (state->outputType == zm::setAggType::Scalar)
+    if (state->outputType == zm::pgRangeArray::ArrayDataTypeScalar)
         state->writeScalar(out);
-    else if (state->outputType == zm::setAggType::Range)
+    else if (state->outputType == zm::pgRangeArray::ArrayDataTypeRange)
         state->writeRanges(out);
     else
         state->writeMix(out);
@@ -796,7 +791,7 @@ extern "C" Datum zm_int4set_agg_optimized_combinefn(PG_FUNCTION_ARGS)
         state->copyFrom(*first);
     if (second != nullptr)
     {
-        if (state->inputType == zm::setAggType::Uninitialised)
+        if (state->inputType == zm::pgRangeArray::ArrayDataTypeUninitialised)
             state->copyFrom(*second);
         else
             status = state->addOtherCtx(*second);

@@ -146,10 +146,6 @@ const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
 bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
 {
     using namespace zm::pgRangeArray;
-    static_assert(static_cast<int32_t>(zm::BitFieldSetKind::Scalar) == ArrayDataTypeScalar &&
-                      static_cast<int32_t>(zm::BitFieldSetKind::Range) == ArrayDataTypeRange &&
-                      static_cast<int32_t>(zm::BitFieldSetKind::Mix) == ArrayDataTypeMix,
-                  "kind letter codes");
     const ArrayDataType kind = ArrayDataTypeFromChar(PG_GETARG_CHAR(0));
     ArrayType* array = zm::pg::detoastArray(PG_GETARG_DATUM(1));
     const bytea* bitfield = bitfieldArgument(fcinfo, 2);
