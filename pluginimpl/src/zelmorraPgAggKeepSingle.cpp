@@ -3,8 +3,11 @@
 // the rest ignored. By-value types are kept and compared as raw datums, text and bytea as a private
 // detoasted copy compared by length and bytes.
 //
-// Each state owns a memory context under the aggregate context; the final function deletes it, so
-// the aggregate is declared FINALFUNC_MODIFY = READ_WRITE and a state is never finalised twice.
+// Each state owns a memory context under the aggregate context, which reclaims it with the
+// aggregate: the final function copies the kept value out and leaves the state intact, because a
+// hashed aggregate that is rescanned finalises its groups again. The aggregate is declared
+// FINALFUNC_MODIFY = READ_WRITE, so that two identical calls in a query get a state each and window
+// use is refused.
 #include "zelmorraPgUtils.h"
 #include "zelmorraPgKeepSingle.h"
 
