@@ -125,18 +125,7 @@ inline ArrayType* allocateInt4Array(size_t n) { return allocateResultArray<int32
 template <typename T, Oid ElementType>
 ArrayType* allocateResultArrayForOverwrite(size_t n)
 {
-    const size_t bytes = ARR_OVERHEAD_NONULLS(1) + n * sizeof(T);
-    void* block = bytes <= MaxAllocSize ? palloc_extended(bytes, MCXT_ALLOC_NO_OOM) : nullptr;
-    if (block == nullptr)
-        raiseOutOfMemory(site::allocateResultArray, bytes);
-    ArrayType* array = static_cast<ArrayType*>(block);
-    SET_VARSIZE(array, bytes);
-    array->ndim = 1;
-    array->dataoffset = 0;
-    array->elemtype = ElementType;
-    ARR_DIMS(array)[0] = static_cast<int>(n);
-    ARR_LBOUND(array)[0] = 1;
-    return array;
+    return allocateResultArray<T, ElementType>(n, false);
 }
 
 inline ArrayType* allocateInt4ArrayForOverwrite(size_t n) { return allocateResultArrayForOverwrite<int32_t, INT4OID>(n); }

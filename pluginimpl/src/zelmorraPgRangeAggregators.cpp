@@ -508,21 +508,17 @@ extern "C" Datum zm_int4set_agg_finalfn(PG_FUNCTION_ARGS)
             break;
         }
         case zm::pgRangeArray::ArrayDataTypeScalar:
-        {
-            const uint64_t count = state->scalarCount();
-            if (count > static_cast<uint64_t>(INT32_MAX))
-                zm::pg::raiseWithDetail(site::setAggOverflow, ZM_OVERSIZED_DETAIL, count);
-            result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
-            state->writeScalar(zm::pg::int4Data(result));
-            break;
-        }
         case zm::pgRangeArray::ArrayDataTypeMix:
         {
-            const uint64_t count = state->mixElementCount();
+            const bool scalar = state->outputType == zm::pgRangeArray::ArrayDataTypeScalar;
+            const uint64_t count = scalar ? state->scalarCount() : state->mixElementCount();
             if (count > static_cast<uint64_t>(INT32_MAX))
                 zm::pg::raiseWithDetail(site::setAggOverflow, ZM_OVERSIZED_DETAIL, count);
             result = zm::pg::allocateInt4ArrayForOverwrite(static_cast<size_t>(count));
-            state->writeMix(zm::pg::int4Data(result));
+            if (scalar)
+                state->writeScalar(zm::pg::int4Data(result));
+            else
+                state->writeMix(zm::pg::int4Data(result));
             break;
         }
         default:
