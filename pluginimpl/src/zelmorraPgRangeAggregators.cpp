@@ -646,8 +646,11 @@ Int4ToSetOpDataOptimized* newOptimizedState(MemoryContext aggregate, const char*
     return state;
 }
 
-// One row into the state (Int4ToSetOpDataOptimized::addRange of the aggregate's definition).
-// Arguments: (value | lower, upper | input letter, set), maxinput, output letter.
+// One row into the state. Arguments: (value | lower, upper | input letter, set), maxinput, output
+// letter. The first row fixes maxinput, the input form and the output letter: maxinput <= 0, or a
+// NULL third argument, is refused; the bitfield is sized for 0 .. maxinput once. Every row then sets
+// the bits of its value, range or set; values outside the bitfield are errors (a set row adds what
+// lies inside first).
 void addOptimizedRow(Int4ToSetOpDataOptimized* state, FunctionCallInfo fcinfo, bool letterGivesInput)
 {
     const int nargs = PG_NARGS();
