@@ -36,6 +36,7 @@
 #include <cstring>
 
 #include "zelmorraPgBitField.h"
+#include "zelmorraPgRadixSort.h"
 #include "zelmorraPgRangeArray.h"
 #include "zelmorraPgVector.h"
 
@@ -56,68 +57,6 @@ enum class SetAggStatus : uint8_t
 namespace setAggDetail {
 
 using IntRange = pgRangeArray::Range<int>;
-
-// Sort key of a lower bound: signed order as unsigned order.
-inline uint32_t lowerKey(const IntRange& r) { return static_cast<uint32_t>(r.lower) ^ 0x80000000u; }
-
-// Sorts n ranges by lower bound (LSD radix sort, digits of 11, 11 and 10 bits; a digit that is
-// the same for every range costs no pass). `temp` holds n ranges. Returns where the sorted ranges
-// are: data or temp. Interrupts are checked every 2^20 ranges of each pass.
-template <typename Interrupts = NoInterrupts>
-IntRange* sortByLower(IntRange* data, IntRange* temp, size_t n)
-{
-    if (n < 48)
-    {
-        for (size_t i = 1; i < n; ++i)
-        {
-            const IntRange r = data[i];
-            size_t j = i;
-            for (; j > 0 && data[j - 1].lower > r.lower; --j)
-                data[j] = data[j - 1];
-            data[j] = r;
-        }
-        return data;
-    }
-    constexpr int digitBits[3] = {11, 11, 10};
-    constexpr int digitShift[3] = {0, 11, 22};
-    size_t histogram[3][2048];
-    std::memset(histogram, 0, sizeof histogram);
-    for (size_t i = 0; i < n; ++i)
-    {
-        if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
-            Interrupts::check();
-        const uint32_t k = lowerKey(data[i]);
-        ++histogram[0][k & 2047];
-        ++histogram[1][(k >> 11) & 2047];
-        ++histogram[2][k >> 22];
-    }
-    IntRange* src = data;
-    IntRange* dst = temp;
-    for (int pass = 0; pass < 3; ++pass)
-    {
-        size_t* h = histogram[pass];
-        const int shift = digitShift[pass];
-        const uint32_t mask = (1u << digitBits[pass]) - 1;
-        if (h[(lowerKey(src[0]) >> shift) & mask] == n)
-            continue;
-        size_t offset = 0;
-        for (uint32_t d = 0; d <= mask; ++d)
-        {
-            const size_t c = h[d];
-            h[d] = offset;
-            offset += c;
-        }
-        for (size_t i = 0; i < n; ++i)
-        {
-            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
-                Interrupts::check();
-            const IntRange r = src[i];
-            dst[h[(lowerKey(r) >> shift) & mask]++] = r;
-        }
-        std::swap(src, dst);
-    }
-    return src;
-}
 
 // The aggregates' touch rule: r joins `last` when it starts at most one value after last ends,
 // counted without wrap-around. Row insertion orders bounds by signed comparison, so this is the
@@ -357,8 +296,8 @@ struct Int4ToSetOpDataSetBase
         // grows by half the need rather than doubling: the list is the bulk of the state.
         if (ranges.capacity < s + p)
             regrow(ranges, s + p + (s + p) / 2);
-        IntRange* sorted = sortByLower<Interrupts>(pending.data, ranges.data + s, p);
-        const size_t b = coalesceSorted(sorted, p, pending.data);
+        radixSortBySignedKey<Interrupts>(pending.data, pending.data, ranges.data + s, p, [](const IntRange& r) { return r.lower; });
+        const size_t b = coalesceSorted(pending.data, p, pending.data);
         pending.size = 0;
 
         // Merge from the back: the list's ranges above the batch move up, the others stay put.

@@ -16,6 +16,7 @@
 #include <cstdint>
 #include <cstring>
 
+#include "zelmorraPgRadixSort.h"
 #include "zelmorraPgRangeArray.h"
 #include "zelmorraPgVector.h"
 
@@ -329,10 +330,8 @@ Status mixPayloadToRanges(const void* payload, size_t bytes, tVectorBase<Range<i
 }
 
 // Ascending sort of src[0, n) into dst[0, n); scratch holds n elements too. src is only read. Input
-// that is already in order (the usual case for scalar arrays) is copied as it is; short inputs use
-// std::sort, longer ones a least-significant-digit radix sort on the sign-flipped keys (11, 11 and
-// 10 bits), skipping a digit where every key falls into one bucket. Interrupts are checked every
-// 2^20 elements of each pass.
+// that is already in order (the usual case for scalar arrays) is copied as it is; anything else
+// goes through the module's radix sort (zelmorraPgRadixSort.h).
 template <typename Interrupts>
 void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
 {
@@ -342,73 +341,7 @@ void sortInt4(const int32_t* src, int32_t* dst, int32_t* scratch, size_t n)
             std::memcpy(dst, src, n * sizeof(int32_t));
         return;
     }
-    constexpr size_t shortInput = 256;
-    if (n < shortInput)
-    {
-        if (n)
-            std::memcpy(dst, src, n * sizeof(int32_t));
-        std::sort(dst, dst + n);
-        return;
-    }
-
-    constexpr unsigned digitBits = 11;
-    constexpr unsigned buckets = 1u << digitBits;
-    constexpr unsigned digits = 3;
-    auto key = [](int32_t v) { return static_cast<uint32_t>(v) ^ 0x80000000u; };  // signed order as unsigned
-    auto digitOf = [](uint32_t k, unsigned d) { return (k >> (d * digitBits)) & (buckets - 1); };
-
-    uint32_t histogram[digits][buckets] = {};
-    for (size_t i = 0; i < n; ++i)
-    {
-        if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
-            Interrupts::check();
-        const uint32_t k = key(src[i]);
-        ++histogram[0][digitOf(k, 0)];
-        ++histogram[1][digitOf(k, 1)];
-        ++histogram[2][digitOf(k, 2)];
-    }
-
-    bool needed[digits];
-    unsigned passes = 0;
-    for (unsigned d = 0; d < digits; ++d)
-    {
-        needed[d] = histogram[d][digitOf(key(src[0]), d)] != n;
-        passes += needed[d];
-    }
-    if (passes == 0)  // all keys equal
-    {
-        std::memcpy(dst, src, n * sizeof(int32_t));
-        return;
-    }
-
-    // The passes alternate between scratch and dst so that the last one writes dst.
-    const int32_t* from = src;
-    unsigned remaining = passes;
-    for (unsigned d = 0; d < digits; ++d)
-    {
-        if (!needed[d])
-            continue;
-        int32_t* to = (remaining % 2 == 1) ? dst : scratch;
-        uint32_t offset = 0;
-        for (unsigned b = 0; b < buckets; ++b)
-        {
-            const uint32_t c = histogram[d][b];
-            histogram[d][b] = offset;
-            offset += c;
-        }
-        uint32_t* position = histogram[d];
-        const unsigned shift = d * digitBits;
-        for (size_t i = 0; i < n; ++i)
-        {
-            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
-                Interrupts::check();
-            const int32_t v = from[i];
-            to[position[(key(v) >> shift) & (buckets - 1)]++] = v;
-        }
-        from = to;
-        --remaining;
-        Interrupts::check();
-    }
+    radixSortBySignedKey<Interrupts>(src, dst, scratch, n, [](int32_t v) { return v; });
 }
 
 }  // namespace setConversion
