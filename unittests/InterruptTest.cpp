@@ -72,7 +72,7 @@ TEST(InterruptChecks, BitFieldOverlapPollsPerMegabyteScanned)
         items.push_back(static_cast<int32_t>(wideBits - 2));
     }
     Checks::count = 0;
-    EXPECT_FALSE(zm::bitFieldAnyMixItem<Checks>(zero.info, items.data(), static_cast<uint32_t>(items.size())));
+    EXPECT_EQ(zm::bitFieldAnyMixItem<Checks>(zero.info, items.data(), static_cast<uint32_t>(items.size())), zm::BitFieldSetTest::False);
     EXPECT_GE(Checks::count, 4 * 15);
 
     // One wide range (the packed-range test).
@@ -97,7 +97,7 @@ TEST(InterruptChecks, BitFieldInclusionPollsPerMegabyteScanned)
         items.push_back(static_cast<int32_t>(wideBits - 1));
     }
     Checks::count = 0;
-    EXPECT_TRUE(zm::bitFieldAllMixItems<Checks>(full.info, items.data(), static_cast<uint32_t>(items.size())));
+    EXPECT_EQ(zm::bitFieldAllMixItems<Checks>(full.info, items.data(), static_cast<uint32_t>(items.size())), zm::BitFieldSetTest::True);
     EXPECT_GE(Checks::count, 4 * 15);
 }
 

@@ -188,7 +188,7 @@ TEST(SetAggregateOptimized, SetRows)
 
     OwnedOpt m(20, 5, 4);
     const int32_t mix[] = {99, 1, static_cast<int32_t>(5u | 0x80000000u), 7, 12, static_cast<int32_t>(9u | 0x80000000u)};
-    EXPECT_EQ(m.s.addMixArray(mix, 6), OptimizedAggStatus::Ok);  // the dangling opener is ignored
+    EXPECT_EQ(m.s.addMixArray(mix, 6), OptimizedAggStatus::DanglingOpener);  // the items before it are set
     EXPECT_EQ(m.ranges(), (std::vector<int32_t>{1, 1, 5, 7, 12, 12}));
     const int32_t mixOut[] = {0, static_cast<int32_t>(20u | 0x80000000u), 40};
     EXPECT_EQ(m.s.addMixArray(mixOut, 3), OptimizedAggStatus::ScalarOutOfRange);

@@ -302,11 +302,19 @@ TEST(SetAggregate, ArrayForms)
     const int32_t odd[] = {1, 2, 3};
     EXPECT_EQ(st.s.addRangeArray(odd, 3), SetAggStatus::NotRangeArray);
     const int32_t mix[] = {1, 5};
-    st.s.addMixArray(mix, 2);
+    EXPECT_EQ(st.s.addMixArray(mix, 2), SetAggStatus::Ok);
     EXPECT_EQ(st.ranges(), (Pairs{{5, 5}}));
+    // An opener that is the last element has no upper bound: the items before it are added and
+    // the row is refused.
     const int32_t dangling[] = {3, 9, static_cast<int32_t>(20u | 0x80000000u)};
-    st.s.addMixArray(dangling, 3);
+    EXPECT_EQ(st.s.addMixArray(dangling, 3), SetAggStatus::DanglingOpener);
     EXPECT_EQ(st.ranges(), (Pairs{{5, 5}, {9, 9}}));
+    // A negative element in the upper bound's place is an upper bound (here a reversed range, kept
+    // as given), not an opener.
+    OwnedState other;
+    const int32_t negativeUpper[] = {1, static_cast<int32_t>(30u | 0x80000000u), -7};
+    EXPECT_EQ(other.s.addMixArray(negativeUpper, 3), SetAggStatus::Ok);
+    EXPECT_EQ(other.ranges(), (Pairs{{30, -7}}));
     const int32_t pairs[] = {10, 12, 1, 1};
     EXPECT_EQ(st.s.addRangeArray(pairs, 4), SetAggStatus::Ok);
     EXPECT_EQ(st.ranges(), (Pairs{{1, 1}, {5, 5}, {9, 12}}));

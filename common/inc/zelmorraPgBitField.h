@@ -402,9 +402,8 @@ inline bool bitFieldOverlapsRange(const BitFieldInfo& info, int32_t lower, int32
 // ---- int4 sets against a persisted bitfield ------------------------------------------------------
 //
 // Sets come as the int4[] representations of the module: scalar arrays (values), range arrays
-// (lower, upper pairs) and mix items (the elements after a mix array's count element: a value, or an
-// element with bit 31 set that opens the range [element & 0x7fffffff, next element]; an opener
-// without a next element stands for its lower bound alone). All take an Ok BitFieldInfo.
+// (lower, upper pairs) and mix items (the elements after a mix array's count element, read by
+// mix::walkItems). All take an Ok BitFieldInfo.
 // A reversed range (lower > upper) holds no value: it never overlaps and is always included.
 
 namespace detail {
@@ -420,29 +419,6 @@ inline bool clampToSpan(const BitFieldInfo& info, int32_t lower, int32_t upper, 
     return true;
 }
 
-// Calls f(lower, upper) for each item of a mix array's items until f returns false; returns
-// whether every call returned true.
-template <typename F>
-inline bool forEachMixItem(const int32_t* items, uint32_t n, F f)
-{
-    for (uint32_t i = 0; i < n; ++i)
-    {
-        const int32_t e = items[i];
-        if (e >= 0)
-        {
-            if (!f(e, e))
-                return false;
-        }
-        else
-        {
-            const int32_t lower = mix::rangeLower(e);
-            const int32_t upper = i + 1 < n ? items[++i] : lower;
-            if (!f(lower, upper))
-                return false;
-        }
-    }
-    return true;
-}
 }  // namespace detail
 
 // Every value of [lower, upper] lies in the span with its bit set (the rejects lower > last and
@@ -510,38 +486,47 @@ inline bool bitFieldAllRanges(const BitFieldInfo& info, const int32_t* pairs, ui
     return true;
 }
 
-template <typename Interrupts = NoInterrupts>
-inline bool bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n)
-{
-    InterruptCountdown<Interrupts> members;
-    return !detail::forEachMixItem(items, n, [&info, &members](int32_t lower, int32_t upper) {
-        members.step();
-        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange<Interrupts>(info, lower, upper));
-    });
-}
-
-template <typename Interrupts = NoInterrupts>
-inline bool bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n)
-{
-    InterruptCountdown<Interrupts> members;
-    return detail::forEachMixItem(items, n, [&info, &members](int32_t lower, int32_t upper) {
-        members.step();
-        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange<Interrupts>(info, lower, upper);
-    });
-}
-
-// A whole int4 set against a persisted bitfield: every member has its bit set (included) or some
-// member has (overlap). The set's quick bounds are taken without scanning, from its first and last
-// elements (for a mix array the first item's lower bound; a lone count element gives 0 and 0), so
-// an unsorted scalar array is judged by them before any element is tested.
 enum class BitFieldSetTest : uint8_t
 {
     False,
     True,
     OddRangeCount,    // a range array with an odd element count
     UnsupportedKind,  // a kind other than scalar, range or mix
+    DanglingOpener,   // mix items whose last element opens a range (mix::walkItems)
 };
 
+// Mix items are read in order until the answer is known; a dangling opener reached before that is
+// reported.
+template <typename Interrupts = NoInterrupts>
+inline BitFieldSetTest bitFieldAnyMixItem(const BitFieldInfo& info, const int32_t* items, uint32_t n)
+{
+    InterruptCountdown<Interrupts> members;
+    const mix::Walk walk = mix::walkItems(items, n, [&info, &members](int32_t lower, int32_t upper) {
+        members.step();
+        return !(lower == upper ? bitFieldHasValue(info, lower) : bitFieldOverlapsRange<Interrupts>(info, lower, upper));
+    });
+    if (walk == mix::Walk::DanglingOpener)
+        return BitFieldSetTest::DanglingOpener;
+    return walk == mix::Walk::Stopped ? BitFieldSetTest::True : BitFieldSetTest::False;
+}
+
+template <typename Interrupts = NoInterrupts>
+inline BitFieldSetTest bitFieldAllMixItems(const BitFieldInfo& info, const int32_t* items, uint32_t n)
+{
+    InterruptCountdown<Interrupts> members;
+    const mix::Walk walk = mix::walkItems(items, n, [&info, &members](int32_t lower, int32_t upper) {
+        members.step();
+        return lower == upper ? bitFieldHasValue(info, lower) : bitFieldIncludesRange<Interrupts>(info, lower, upper);
+    });
+    if (walk == mix::Walk::DanglingOpener)
+        return BitFieldSetTest::DanglingOpener;
+    return walk == mix::Walk::Complete ? BitFieldSetTest::True : BitFieldSetTest::False;
+}
+
+// A whole int4 set against a persisted bitfield: every member has its bit set (included) or some
+// member has (overlap). The set's quick bounds are taken without scanning, from its first and last
+// elements (for a mix array the first item's lower bound; a lone count element gives 0 and 0), so
+// an unsorted scalar array is judged by them before any element is tested.
 // `elements` holds n > 0 elements; `info` is Ok.
 template <typename Interrupts = NoInterrupts>
 inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFieldInfo& info, const int32_t* e,
@@ -577,8 +562,8 @@ inline BitFieldSetTest bitFieldTestSet(int32_t kind, bool included, const BitFie
             return BitFieldSetTest::OddRangeCount;
         return answer(included ? bitFieldAllRanges<Interrupts>(info, e, n / 2) : bitFieldAnyRange<Interrupts>(info, e, n / 2));
     case pgRangeArray::ArrayDataTypeMix:
-        return answer(included ? bitFieldAllMixItems<Interrupts>(info, e + 1, n - 1)
-                                : bitFieldAnyMixItem<Interrupts>(info, e + 1, n - 1));
+        return included ? bitFieldAllMixItems<Interrupts>(info, e + 1, n - 1)
+                        : bitFieldAnyMixItem<Interrupts>(info, e + 1, n - 1);
     }
     return BitFieldSetTest::UnsupportedKind;
 }
@@ -764,15 +749,16 @@ struct BitFieldSetWriter
     }
 
     // The items after the count element.
-    void mixItems(const int32_t* items, uint32_t n)
+    // False when the last element opens a range (mix::walkItems); the items before it are written.
+    bool mixItems(const int32_t* items, uint32_t n)
     {
-        detail::forEachMixItem(items, n, [this](int32_t lower, int32_t upper) {
-            if (lower == upper)
-                value(lower);
-            else
-                range(lower, upper);
-            return true;
-        });
+        return mix::walkItems(items, n, [this](int32_t lower, int32_t upper) {
+                   if (lower == upper)
+                       value(lower);
+                   else
+                       range(lower, upper);
+                   return true;
+               }) != mix::Walk::DanglingOpener;
     }
 
     // Zeroes the bytes that no item reached. Call once, after the items.

@@ -6,6 +6,7 @@
 // range lower bounds in 0 .. 2147483647 only.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace zm {
@@ -37,6 +38,38 @@ inline int32_t rangeOpener(int32_t lower) { return static_cast<int32_t>(static_c
 
 // The lower bound an opener stands for (bit 31 cleared; any other item is returned as it is).
 inline int32_t rangeLower(int32_t item) { return static_cast<int32_t>(static_cast<uint32_t>(item) & ~rangeStartBit); }
+
+enum class Walk : uint8_t
+{
+    Complete,
+    Stopped,         // the visitor ended the walk
+    DanglingOpener,  // the last element opens a range that has no upper bound
+};
+
+// The one reading of mix items (the elements after the count element): a value v is [v, v]; an
+// opener and the element after it are [rangeLower(opener), that element], as given (the upper
+// bound is not checked here). An opener that is the last element has no upper bound, so it is no
+// item: the walk ends there with DanglingOpener, the items before it visited, and every reader
+// reports it as an invalid range definition. visit(lower, upper) returns false to end the walk.
+template <typename Visit>
+Walk walkItems(const int32_t* items, size_t n, Visit&& visit)
+{
+    for (size_t i = 0; i < n; ++i)
+    {
+        const int32_t e = items[i];
+        if (!opensRange(e))
+        {
+            if (!visit(e, e))
+                return Walk::Stopped;
+            continue;
+        }
+        if (i + 1 == n)
+            return Walk::DanglingOpener;
+        if (!visit(rangeLower(e), items[++i]))
+            return Walk::Stopped;
+    }
+    return Walk::Complete;
+}
 
 }  // namespace mix
 }  // namespace zm

@@ -75,6 +75,7 @@ zm::BitFieldSetTest referenceSetTest(const Reference& ref, int32_t kind, bool in
     const auto itemOverlaps = [&ref](int64_t lower, int64_t upper) { return ref.any(lower, upper); };
     std::vector<std::pair<int64_t, int64_t>> items;
     std::vector<bool> single;
+    bool dangling = false;
     if (kind == 3)
         for (int32_t v : e)
         {
@@ -100,8 +101,13 @@ zm::BitFieldSetTest referenceSetTest(const Reference& ref, int32_t kind, bool in
                 single.push_back(true);
                 continue;
             }
+            if (i + 1 == n)  // an opener at the end has no upper bound
+            {
+                dangling = true;
+                break;
+            }
             const int64_t lower = e[i] & 0x7fffffff;
-            const int64_t upper = i + 1 < n ? e[++i] : lower;  // an opener at the end: its lower bound
+            const int64_t upper = e[++i];
             items.emplace_back(lower, upper);
             single.push_back(lower == upper);
         }
@@ -114,7 +120,7 @@ zm::BitFieldSetTest referenceSetTest(const Reference& ref, int32_t kind, bool in
         if (!included && hit)
             return BitFieldSetTest::True;
     }
-    return answer(included);
+    return dangling ? BitFieldSetTest::DanglingOpener : answer(included);
 }
 
 void queries(Input& in, const zm::BitFieldInfo& info)

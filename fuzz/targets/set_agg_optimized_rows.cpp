@@ -110,6 +110,7 @@ OptimizedAggStatus addRow(Input& in, State& state, Reference& ref, int32_t& base
             else
             {
                 status = state.addMixArray(exact, n);
+                bool dangling = false;
                 for (size_t i = 1; i < n; ++i)
                 {
                     if (e[i] >= 0)
@@ -119,6 +120,13 @@ OptimizedAggStatus addRow(Input& in, State& state, Reference& ref, int32_t& base
                         ref.setClipped(e[i] & 0x7fffffff, e[i + 1], outside);
                         ++i;
                     }
+                    else
+                        dangling = true;  // the last element opens a range: the row is refused
+                }
+                if (dangling)
+                {
+                    FUZZ_CHECK(status == OptimizedAggStatus::DanglingOpener);
+                    return status;
                 }
             }
             FUZZ_CHECK(status == (outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok));

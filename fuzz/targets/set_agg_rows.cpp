@@ -91,8 +91,9 @@ bool addRow(Input& in, State& state, State& part, RangeVec& literal, int32_t& ba
             }
             else
             {
-                state.addMixArray(exact, n);
-                part.addMixArray(exact, n);
+                const zm::SetAggStatus status = state.addMixArray(exact, n);
+                FUZZ_CHECK(part.addMixArray(exact, n) == status);
+                bool dangling = false;
                 for (size_t i = 1; i < n; ++i)
                 {
                     if (e[i] >= 0)
@@ -102,7 +103,12 @@ bool addRow(Input& in, State& state, State& part, RangeVec& literal, int32_t& ba
                         insert(literal, e[i] & 0x7fffffff, e[i + 1]);
                         ++i;
                     }
+                    else
+                        dangling = true;  // the last element opens a range: the row is refused
                 }
+                FUZZ_CHECK(status == (dangling ? zm::SetAggStatus::DanglingOpener : zm::SetAggStatus::Ok));
+                if (dangling)
+                    return false;  // the row's ERROR ends the aggregate
             }
             if (n)
                 base = e[n - 1];

@@ -116,6 +116,7 @@ constexpr ErrorSite combineMismatch = ZM_SITE(valueError, "addOtherCtx", file::a
 constexpr ErrorSite setAggNotRangeArray =
     ZM_SITE(valueError, "addRange", file::aggregators, "zm_int4set_agg_transfn input is not a range array");
 constexpr ErrorSite setAggNotImplemented = ZM_SITE(valueError, "addRange", file::aggregators, "zm_int4set_agg_transfn not implemented");
+constexpr ErrorSite setAggDanglingOpener = ZM_SITE(valueError, "addRange", file::aggregators, message::invalidRangeDefinition);
 constexpr ErrorSite setAggEmptyBytea = ZM_SITE(valueError, "fromBytea", file::aggregators, "zm_int4set_agg_deserialfn empty bytea");
 constexpr ErrorSite setAggEmptyRangeArray =
     ZM_SITE(valueError, "fromBytea", file::aggregators, "zm_int4set_agg_deserialfn range array should not be empty");
@@ -139,6 +140,7 @@ constexpr ErrorSite optimizedNotRangeArray =
     ZM_SITE(valueError, "addRange", file::aggregators, "int4set_agg_optimized input is not a range array");
 constexpr ErrorSite optimizedNotImplemented =
     ZM_SITE(valueError, "addRange", file::aggregators, "zm_int4set_agg_optimized_transfn not implemented");
+constexpr ErrorSite optimizedDanglingOpener = ZM_SITE(valueError, "addRange", file::aggregators, message::invalidRangeDefinition);
 constexpr ErrorSite optimizedEmptyBytea =
     ZM_SITE(valueError, "fromBytea", file::aggregators, "zm_int4set_agg_optimized_deserialfn empty bytea");
 constexpr ErrorSite optimizedCorrupted =
@@ -166,6 +168,7 @@ constexpr ErrorSite setIncludedOdd =
     ZM_FIXED_SITE(invalidBinary, "int4set_test_bitfield", file::compare, 318, message::invalidRangeArrayCount);
 constexpr ErrorSite setOverlapOdd =
     ZM_FIXED_SITE(invalidBinary, "int4set_test_bitfield", file::compare, 384, message::invalidRangeArrayCount);
+constexpr ErrorSite setTestDanglingOpener = ZM_SITE(valueError, "int4set_test_bitfield", file::compare, message::invalidRangeDefinition);
 
 // ---- conversions ----------------------------------------------------------------------------------
 constexpr ErrorSite packArrayShape = ZM_SITE(invalidParameter, "zm_range_pack", file::conversions, "accept only int4[] with a size of 2 ");
@@ -190,6 +193,8 @@ constexpr ErrorSite sortNotInt4 = ZM_SITE(invalidParameter, "zm_sort_int4", file
 constexpr ErrorSite bitFieldBuildNotInt4 =
     ZM_SITE(invalidParameter, "zm_int4set2bitfield_int4", file::conversions, message::acceptOnlyInt4);
 constexpr ErrorSite bitFieldBuildOdd = ZM_SITE(invalidBinary, "zm_int4set2bitfield_int4", file::conversions, message::invalidRangeArrayCount);
+constexpr ErrorSite bitFieldBuildDanglingOpener =
+    ZM_SITE(valueError, "zm_int4set2bitfield_int4", file::conversions, message::invalidRangeDefinition);
 constexpr ErrorSite countOdd = ZM_SITE(invalidBinary, "zm_count_scalar_in_int4set", file::conversions, message::invalidRangeArrayCount);
 
 constexpr ErrorSite floatPayloadLength =

@@ -52,6 +52,7 @@ enum class SetAggStatus : uint8_t
     EmptyBytea,             // fromBytea: shorter than the two type bytes
     EmptyRangeArray,        // fromBytea: an initialised state without ranges
     InvalidRangeArraySize,  // fromBytea: not a whole number of ranges
+    DanglingOpener,         // a mix-array row whose last element opens a range (mix::walkItems)
 };
 
 namespace setAggDetail {
@@ -239,10 +240,10 @@ struct Int4ToSetOpDataSetBase
     // Elements of a scalar array, each the range [e, e], in array order.
     void addScalarArray(const int32_t* data, size_t count)
     {
+        InterruptCountdown<Interrupts> items;
         for (size_t i = 0; i < count; ++i)
         {
-            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
-                Interrupts::check();
+            items.step();
             addRange(data[i], data[i]);
         }
     }
@@ -252,32 +253,27 @@ struct Int4ToSetOpDataSetBase
     {
         if (count % 2 != 0)
             return SetAggStatus::NotRangeArray;
+        InterruptCountdown<Interrupts> items;
         for (size_t i = 0; i < count; i += 2)
         {
-            if ((i & (2 * interruptCheckInterval - 1)) == 2 * interruptCheckInterval - 2)
-                Interrupts::check();
+            items.step();
             addRange(data[i], data[i + 1]);
         }
         return SetAggStatus::Ok;
     }
 
-    // Items of a mix array after its count element: e >= 0 is [e, e], a negative e opens the range
-    // [e with bit 31 cleared, next element]. A range opener without a next element is ignored.
-    void addMixArray(const int32_t* data, size_t count)
+    // Items of a mix array after its count element (mix::walkItems), each inserted as given.
+    SetAggStatus addMixArray(const int32_t* data, size_t count)
     {
-        for (size_t i = 1; i < count; ++i)
-        {
-            if ((i & (interruptCheckInterval - 1)) == interruptCheckInterval - 1)
-                Interrupts::check();
-            const int32_t e = data[i];
-            if (e >= 0)
-                addRange(e, e);
-            else if (i + 1 < count)
-            {
-                addRange(mix::rangeLower(e), data[i + 1]);
-                ++i;
-            }
-        }
+        if (count < 2)
+            return SetAggStatus::Ok;
+        InterruptCountdown<Interrupts> items;
+        const mix::Walk walk = mix::walkItems(data + 1, count - 1, [this, &items](int32_t lower, int32_t upper) {
+            items.step();
+            addRange(lower, upper);
+            return true;
+        });
+        return walk == mix::Walk::DanglingOpener ? SetAggStatus::DanglingOpener : SetAggStatus::Ok;
     }
 
     // ---- batches ----
@@ -572,6 +568,7 @@ enum class OptimizedAggStatus : uint8_t
     ScalarOutOfRange,  // some values of a set row outside the bitfield (the others are set)
     NotRangeArray,     // a range-array row with an odd element count
     NotImplemented,    // an input type outside 1..5
+    DanglingOpener,    // a mix-array row whose last element opens a range (mix::walkItems)
     CombineMismatch,   // states built for different input or output types
     EmptyBytea,        // fromBytea: shorter than its 6-byte header
     Corrupted,         // fromBytea: more bytes than the stored capacity
@@ -708,10 +705,10 @@ struct Int4ToSetOpDataOptimizedBase
     OptimizedAggStatus addScalarArray(const int32_t* data, size_t count)
     {
         bool outside = false;
+        InterruptCountdown<Interrupts> items;
         for (size_t i = 0; i < count; ++i)
         {
-            if ((i & 8191) == 8191)
-                Interrupts::check();
+            items.step();
             const int32_t v = data[i];
             if (holds(v))
                 bits.set(static_cast<uint32_t>(v));
@@ -726,37 +723,34 @@ struct Int4ToSetOpDataOptimizedBase
         if (count % 2 != 0)
             return OptimizedAggStatus::NotRangeArray;
         bool outside = false;
+        InterruptCountdown<Interrupts> items;
         for (size_t i = 0; i < count; i += 2)
         {
-            if ((i & 8191) == 8190)
-                Interrupts::check();
+            items.step();
             clippedRange(data[i], data[i + 1], outside);
         }
         return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
     }
 
-    // Items after the count element; a range opener without a next element is ignored.
+    // Items after the count element (mix::walkItems).
     OptimizedAggStatus addMixArray(const int32_t* data, size_t count)
     {
+        if (count < 2)
+            return OptimizedAggStatus::Ok;
         bool outside = false;
-        for (size_t i = 1; i < count; ++i)
-        {
-            if ((i & 8191) == 8191)
-                Interrupts::check();
-            const int32_t e = data[i];
-            if (e >= 0)
-            {
-                if (holds(e))
-                    bits.set(static_cast<uint32_t>(e));
-                else
-                    outside = true;
-            }
-            else if (i + 1 < count)
-            {
-                clippedRange(mix::rangeLower(e), data[i + 1], outside);
-                ++i;
-            }
-        }
+        InterruptCountdown<Interrupts> items;
+        const mix::Walk walk = mix::walkItems(data + 1, count - 1, [this, &items, &outside](int32_t lower, int32_t upper) {
+            items.step();
+            if (lower != upper)
+                clippedRange(lower, upper, outside);
+            else if (holds(lower))
+                bits.set(static_cast<uint32_t>(lower));
+            else
+                outside = true;
+            return true;
+        });
+        if (walk == mix::Walk::DanglingOpener)
+            return OptimizedAggStatus::DanglingOpener;
         return outside ? OptimizedAggStatus::ScalarOutOfRange : OptimizedAggStatus::Ok;
     }
 

@@ -73,30 +73,24 @@ int32_t* writeValues(int32_t* out, int32_t lower, int32_t upper)
     return out;
 }
 
-// Walks mix-array items (element 0, the count, already skipped): a non-negative element is the
-// single value [v, v]; an element with bit 31 set opens a range whose upper end is the next
-// element, which must exist, be non-negative and not lie below the lower end. `visit(lower, upper)`
-// sees every item in order until the first bad one.
+// Walks mix-array items (element 0, the count, already skipped) with mix::walkItems, which the
+// conversions hold to their stricter rule: a range's upper end must be non-negative and not lie
+// below its lower end, and a dangling opener is no item; any of these is InvalidRangeDefinition.
+// `visit(lower, upper)` sees every item in order until the first bad one.
 template <typename Visit>
 Status walkMixItems(const int32_t* item, const int32_t* end, Visit&& visit)
 {
-    while (item != end)
-    {
-        const int32_t element = *item++;
-        if (element >= 0)
+    bool invalid = false;
+    const mix::Walk walk = mix::walkItems(item, static_cast<size_t>(end - item), [&visit, &invalid](int32_t lower, int32_t upper) {
+        if (lower != upper && (upper < 0 || upper < lower))
         {
-            visit(element, element);
-            continue;
+            invalid = true;
+            return false;
         }
-        if (item == end)
-            return Status::InvalidRangeDefinition;
-        const int32_t lower = mix::rangeLower(element);
-        const int32_t upper = *item++;
-        if (upper < 0 || upper < lower)
-            return Status::InvalidRangeDefinition;
         visit(lower, upper);
-    }
-    return Status::Ok;
+        return true;
+    });
+    return invalid || walk == mix::Walk::DanglingOpener ? Status::InvalidRangeDefinition : Status::Ok;
 }
 
 // Scalar array -> range array. Values must not decrease; a value at most one above the current

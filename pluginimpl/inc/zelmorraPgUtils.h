@@ -52,6 +52,9 @@ template <typename... Args>
 // DETAIL of a result too large for an int4[]: how many elements it would have held (uint64_t).
 #define ZM_OVERSIZED_DETAIL "The result would hold %" PRIu64 " elements; an array holds at most 2147483647."
 
+// DETAIL of a mix array whose last element opens a range (mix::walkItems).
+#define ZM_DANGLING_OPENER_DETAIL "The last element of argument %d opens a range that has no upper bound."
+
 // DETAIL of an odd range array: which argument, and how many elements it has.
 #define ZM_ODD_RANGE_ARRAY_DETAIL "Argument %d has an odd element count (%d); a range array holds lower and upper bounds in pairs."
 

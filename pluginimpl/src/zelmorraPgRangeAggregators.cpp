@@ -381,6 +381,7 @@ using zm::pg::Int4ToSetOpDataSet;
         case SetAggStatus::EmptyBytea: zm::pg::raise(site::setAggEmptyBytea);
         case SetAggStatus::EmptyRangeArray: zm::pg::raise(site::setAggEmptyRangeArray);
         case SetAggStatus::InvalidRangeArraySize: zm::pg::raise(site::setAggInvalidSize);
+        case SetAggStatus::DanglingOpener: zm::pg::raiseWithDetail(site::setAggDanglingOpener, ZM_DANGLING_OPENER_DETAIL, 2);
         case SetAggStatus::Ok: break;
     }
     pg_unreachable();
@@ -467,7 +468,7 @@ Datum int4SetAggTransition(FunctionCallInfo fcinfo, bool letterGivesInput)
             status = state->addRangeArray(set.data, static_cast<size_t>(set.count));
             break;
         case zm::pgRangeArray::ArrayDataTypeMix:
-            state->addMixArray(set.data, static_cast<size_t>(set.count));
+            status = state->addMixArray(set.data, static_cast<size_t>(set.count));
             break;
         default:
             status = SetAggStatus::NotImplemented;
@@ -624,6 +625,7 @@ using zm::pg::Int4ToSetOpDataOptimized;
         case OptimizedAggStatus::NotRangeArray:
             zm::pg::raiseWithDetail(site::optimizedNotRangeArray, ZM_ODD_RANGE_ARRAY_DETAIL, 3, rowElements);
         case OptimizedAggStatus::NotImplemented: zm::pg::raise(site::optimizedNotImplemented);
+        case OptimizedAggStatus::DanglingOpener: zm::pg::raiseWithDetail(site::optimizedDanglingOpener, ZM_DANGLING_OPENER_DETAIL, 3);
         case OptimizedAggStatus::CombineMismatch: zm::pg::raise(site::combineMismatch);
         case OptimizedAggStatus::EmptyBytea: zm::pg::raise(site::optimizedEmptyBytea);
         case OptimizedAggStatus::Corrupted: zm::pg::raise(site::optimizedCorrupted);

@@ -168,6 +168,8 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
         if (included)
             zm::pg::raiseWithDetail(zm::pg::site::setIncludedOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
         zm::pg::raiseWithDetail(zm::pg::site::setOverlapOdd, ZM_ODD_RANGE_ARRAY_DETAIL, 2, set.count);
+    case zm::BitFieldSetTest::DanglingOpener:
+        zm::pg::raiseWithDetail(zm::pg::site::setTestDanglingOpener, ZM_DANGLING_OPENER_DETAIL, 2);
     case zm::BitFieldSetTest::UnsupportedKind:
         break;
     }

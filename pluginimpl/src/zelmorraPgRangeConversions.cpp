@@ -305,8 +305,8 @@ extern "C" Datum zm_int4set2bitfield_int4(PG_FUNCTION_ARGS)
             writer.rangeArray(set.data, n);
         else if (kind == zm::pgRangeArray::ArrayDataTypeScalar)
             writer.scalarArray(set.data, n);
-        else
-            writer.mixItems(set.data + 1, n - 1);
+        else if (!writer.mixItems(set.data + 1, n - 1))
+            zm::pg::raiseWithDetail(zm::pg::site::bitFieldBuildDanglingOpener, ZM_DANGLING_OPENER_DETAIL, 2);
     }
     writer.finish();
     PG_RETURN_BYTEA_P(result);

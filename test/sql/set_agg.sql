@@ -45,8 +45,20 @@ SELECT zm_int4set_agg('r', a, 'r') AS r, zm_int4set_agg('r', a, 's') AS s
 FROM (VALUES ('{1,3,10,12}'::int4[]), ('{4,5}'), ('{20,20}')) v(a);
 SELECT zm_int4set_agg('m', a, 'r') AS r, zm_int4set_agg('m', a, 'm') AS m
 FROM (VALUES ('{1,5}'::int4[]), ('{4,-2147483638,12,7}')) v(a);
--- A range opener without its upper bound at the end of a mix array is ignored.
+-- A range opener without its upper bound at the end of a mix array is no item: every reader of mix
+-- arrays refuses it as an invalid range definition (a negative element in the upper bound's place
+-- is an upper bound).
 SELECT zm_int4set_agg('m', '{2,3,-2147483628}'::int4[], 'r');
+\echo :LAST_ERROR_SQLSTATE
+SELECT zm_int4set_agg_optimized('m', '{2,3,-2147483628}'::int4[], 100, 'r');
+\echo :LAST_ERROR_SQLSTATE
+SELECT zm_int4set_included_in_bitfield('m', '{2,3,-648}'::int4[], zm_int4set2bitfield_int4('r', '{-1000,100}'::int4[]));
+\echo :LAST_ERROR_SQLSTATE
+SELECT zm_int4set2bitfield_int4('m', '{2,3,-2147483628}'::int4[]);
+\echo :LAST_ERROR_SQLSTATE
+SELECT zm_int4setconv_int4('m', '{2,3,-2147483628}'::int4[], 'r');
+\echo :LAST_ERROR_SQLSTATE
+SELECT zm_int4set_agg('m', '{2,-2147483628,-5}'::int4[], 'r') AS reversed_range_kept;
 -- Two-dimensional arrays and arrays with NULL elements contribute nothing, without error.
 SELECT zm_int4set_agg('s', a, 'r') FROM (VALUES ('{1,2}'::int4[]), ('{{7,8},{9,10}}'), ('{11,NULL}')) v(a);
 SELECT zm_int4set_agg('r', '{{1,2,3},{4,5,6}}'::int4[], 'r') AS two_dims_odd_count;

@@ -45,7 +45,10 @@ FROM (VALUES ('{5,1,2}'::int4[]), ('{3,9}'), ('{}'), (NULL), ('{{7,8},{9,10}}'),
 SELECT zm_int4set_agg_optimized('r', a, 20, 'r') AS r, zm_int4set_agg_optimized('r', a, 20, 's') AS s
 FROM (VALUES ('{1,3,10,12}'::int4[]), ('{4,5}'), ('{20,20}'), ('{9,6}')) v(a);
 SELECT zm_int4set_agg_optimized('m', a, 20, 'r') AS r, zm_int4set_agg_optimized('m', a, 20, 'm') AS m
-FROM (VALUES ('{1,5}'::int4[]), ('{4,-2147483638,12,7}'), ('{1,-2147483630}')) v(a);
+FROM (VALUES ('{1,5}'::int4[]), ('{4,-2147483638,12,7}'), ('{1}')) v(a);
+-- A range opener that is the last element has no upper bound: the row is refused.
+SELECT zm_int4set_agg_optimized('m', a, 20, 'r') FROM (VALUES ('{1,5}'::int4[]), ('{1,-2147483630}')) v(a);
+\echo :LAST_ERROR_SQLSTATE
 
 -- Errors.
 SELECT zm_int4set_agg_optimized(x, 0, 'r') FROM unnest('{1}'::int4[]) x;
