@@ -39,10 +39,19 @@ struct BitFieldErrorReport
 using BitField = BitFieldBase<BitFieldPallocAllocator, BitFieldErrorReport>;
 static_assert(std::is_trivially_destructible_v<BitField> && std::is_standard_layout_v<BitField>);
 
-// Reads a detoasted persisted bitfield. first and last are stored as soon as the header is read;
-// false for an empty bitfield (begin and end untouched); "invalid bitfield array" (22023) for a
-// datum shorter than its header or with a data length other than ceil(count / 64) * 8 bytes.
-bool getBitFieldInfo(const bytea* bitfield, const uint8_t*& begin, const uint8_t*& end, int32_t& first, int32_t& last);
+// A persisted bitfield argument, detoasted and read: `truncated` is raised for a datum shorter than
+// its header, `badLength` for a data length other than ceil(count / 64) * 8 bytes. What comes back
+// has status Ok, or Empty for an empty bitfield.
+inline BitFieldInfo readBitFieldArgument(Datum datum, const ErrorSite& truncated, const ErrorSite& badLength)
+{
+    const bytea* bitfield = reinterpret_cast<const bytea*>(PG_DETOAST_DATUM(datum));
+    const BitFieldInfo info = readBitField(bitfield, VARSIZE(bitfield));
+    if (info.truncated)
+        raise(truncated);
+    if (info.status != BitFieldStatus::Ok && info.status != BitFieldStatus::Empty)
+        raise(badLength);
+    return info;
+}
 
 }  // namespace pg
 }  // namespace zm

@@ -5,7 +5,7 @@
 // the int4 fetch allocate one GISTENTRY per leaf key. The rules themselves live in
 // zelmorraPgGistAlgorithms.h.
 #include "zelmorraPgUtils.h"
-#include "zelmorraPgBitField.h"
+#include "zelmorraPgBitFieldServer.h"
 #include "zelmorraPgGistAlgorithms.h"
 #include "zelmorraPgPackedRange.h"
 
@@ -60,15 +60,13 @@ __attribute__((noinline)) bool rangeArrayConsistent(Datum query, Range<int> key,
 // the span the key covers. An empty bitfield matches nothing, exactly, on any page.
 __attribute__((noinline)) bool bitFieldConsistent(Datum query, Range<int> key, bool leaf, bool* recheck)
 {
-    const bytea* bitfield = reinterpret_cast<bytea*>(PG_DETOAST_DATUM(query));
-    const zm::BitFieldInfo info = zm::readBitField(bitfield, VARSIZE(bitfield));
+    const zm::BitFieldInfo info =
+        zm::pg::readBitFieldArgument(query, zm::pg::site::gistBitFieldQuery, zm::pg::site::gistBitFieldQuery);
     if (info.status == zm::BitFieldStatus::Empty)
     {
         *recheck = false;
         return false;
     }
-    if (info.status != zm::BitFieldStatus::Ok)
-        zm::pg::raise(zm::pg::site::gistBitFieldQuery);
     *recheck = !leaf;
     return zm::bitFieldKeyConsistent<zm::pg::ServerInterruptCheck>(info, key.lower, key.upper, leaf);
 }

@@ -105,28 +105,6 @@ extern "C" Datum zm_int4rangepacked_contains_value(PG_FUNCTION_ARGS)
 // Persisted bitfields (zelmorraPgBitField.h): first and last value of the span, then one bit per
 // value in whole 64-bit words.
 
-namespace zm {
-namespace pg {
-
-bool getBitFieldInfo(const bytea* bitfield, const uint8_t*& begin, const uint8_t*& end, int32_t& first, int32_t& last)
-{
-    const BitFieldInfo info = readBitField(bitfield, VARSIZE(bitfield));
-    if (info.truncated)
-        raise(site::bitFieldArgument);
-    first = info.first;
-    last = info.last;
-    if (info.status == BitFieldStatus::Empty)
-        return false;
-    if (info.status != BitFieldStatus::Ok)
-        raise(site::bitFieldArgument);
-    begin = info.begin;
-    end = info.end;
-    return true;
-}
-
-}  // namespace pg
-}  // namespace zm
-
 extern "C" {
 PG_FUNCTION_INFO_V1(zm_int4_in_rangebitfield);
 PG_FUNCTION_INFO_V1(zm_int4rangepacked_in_rangebitfield);
@@ -136,11 +114,6 @@ PG_FUNCTION_INFO_V1(zm_int4set_included_in_bitfield);
 
 namespace {
 
-const bytea* bitfieldArgument(FunctionCallInfo fcinfo, int argument)
-{
-    return reinterpret_cast<const bytea*>(PG_DETOAST_DATUM(PG_GETARG_DATUM(argument)));
-}
-
 // Every member of the set (included) or some member of it (overlap) has its bit set; the rules are
 // zm::bitFieldTestSet's.
 bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
@@ -148,15 +121,15 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
     using namespace zm::pgRangeArray;
     const ArrayDataType kind = ArrayDataTypeFromChar(PG_GETARG_CHAR(0));
     ArrayType* array = zm::pg::detoastArray(PG_GETARG_DATUM(1));
-    const bytea* bitfield = bitfieldArgument(fcinfo, 2);
     if (ARR_ELEMTYPE(array) != INT4OID)
         zm::pg::raise(zm::pg::site::setTestNotInt4);
 
     const Int4ArrayView set = zm::pg::viewInt4Array(array);
     if (set.count <= 0)
         return false;
-    zm::BitFieldInfo info{};
-    if (!zm::pg::getBitFieldInfo(bitfield, info.begin, info.end, info.first, info.last))
+    const zm::BitFieldInfo info =
+        zm::pg::readBitFieldArgument(PG_GETARG_DATUM(2), zm::pg::site::bitFieldArgument, zm::pg::site::bitFieldArgument);
+    if (info.status == zm::BitFieldStatus::Empty)
         return false;
     switch (zm::bitFieldTestSet<zm::pg::ServerInterruptCheck>(kind, included, info, set.data, static_cast<uint32_t>(set.count)))
     {
@@ -180,11 +153,9 @@ bool int4set_test_bitfield(FunctionCallInfo fcinfo, bool included)
 
 extern "C" Datum zm_int4_in_rangebitfield(PG_FUNCTION_ARGS)
 {
-    const int32 value = PG_GETARG_INT32(0);
-    zm::BitFieldInfo info{};
-    if (!zm::pg::getBitFieldInfo(bitfieldArgument(fcinfo, 1), info.begin, info.end, info.first, info.last))
-        PG_RETURN_BOOL(false);
-    PG_RETURN_BOOL(zm::bitFieldHasValue(info, value));
+    const zm::BitFieldInfo info =
+        zm::pg::readBitFieldArgument(PG_GETARG_DATUM(1), zm::pg::site::bitFieldArgument, zm::pg::site::bitFieldArgument);
+    PG_RETURN_BOOL(info.status == zm::BitFieldStatus::Ok && zm::bitFieldHasValue(info, PG_GETARG_INT32(0)));
 }
 
 // Some value of the packed range has its bit set. A reversed packed range (lower > upper) holds no
@@ -192,14 +163,10 @@ extern "C" Datum zm_int4_in_rangebitfield(PG_FUNCTION_ARGS)
 extern "C" Datum zm_int4rangepacked_in_rangebitfield(PG_FUNCTION_ARGS)
 {
     const Range<int> packed = packedArgument(fcinfo, 0);
-    const bytea* bitfield = bitfieldArgument(fcinfo, 1);
-    const zm::BitFieldInfo info = zm::readBitField(bitfield, VARSIZE(bitfield));
-    if (info.truncated)
-        zm::pg::raise(zm::pg::site::packedInBitFieldShort);
+    const zm::BitFieldInfo info = zm::pg::readBitFieldArgument(PG_GETARG_DATUM(1), zm::pg::site::packedInBitFieldShort,
+                                                               zm::pg::site::packedInBitFieldLength);
     if (info.status == zm::BitFieldStatus::Empty)
         PG_RETURN_BOOL(false);
-    if (info.status != zm::BitFieldStatus::Ok)
-        zm::pg::raise(zm::pg::site::packedInBitFieldLength);
     PG_RETURN_BOOL(zm::bitFieldOverlapsRange<zm::pg::ServerInterruptCheck>(info, packed.lower, packed.upper));
 }
 
