@@ -13,8 +13,11 @@ OBJS        = $(patsubst $(srcdir)/%.cpp,%.o,$(sort $(wildcard $(srcdir)/plugini
 DATA_built  = $(EXTENSION)--$(EXTVERSION).sql
 EXTRA_CLEAN = $(EXTENSION)--$(EXTVERSION).sql build/regress
 
-# Every test/sql/*.sql is a regression test, run in name order.
-REGRESS      = $(sort $(basename $(notdir $(wildcard $(srcdir)/test/sql/*.sql))))
+# `make installcheck` runs the fast, self-contained tests: every test/sql/*.sql except those of the
+# extended schedule (test/extended_schedule: memory, torture, cancellation and index page layout,
+# slow or needing other extensions), which `make installcheck-extended` runs.
+EXTENDED_TESTS = $(shell sed -n 's/^test: *//p' $(srcdir)/test/extended_schedule)
+REGRESS      = $(filter-out $(EXTENDED_TESTS),$(sort $(basename $(notdir $(wildcard $(srcdir)/test/sql/*.sql)))))
 REGRESS_OPTS = --inputdir=$(srcdir)/test --outputdir=$(CURDIR)/build/regress --load-extension=$(EXTENSION)
 
 PG_CONFIG ?= pg_config
@@ -49,3 +52,8 @@ $(EXTENSION)--$(EXTVERSION).sql: $(sort $(wildcard $(srcdir)/sql/*.sql))
 	  for f in $^; do echo; echo "-- sql/$${f##*/}"; cat $$f; done; } > $@
 
 installcheck: | $(CURDIR)/build/regress
+
+# The extended schedule, against the same running server as installcheck.
+.PHONY: installcheck-extended
+installcheck-extended: | $(CURDIR)/build/regress
+	$(pg_regress_installcheck) $(REGRESS_OPTS) --schedule=$(srcdir)/test/extended_schedule

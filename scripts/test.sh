@@ -25,13 +25,20 @@ build_extension
 install_extension
 start_throwaway_server
 
-log "SQL regression tests"
+# The fast suite (`make installcheck`), then the extended schedule (memory, torture, cancellation,
+# index pages: `make installcheck-extended`), each followed by its differences when it fails.
 status=0
-make -s installcheck > build/regress.log 2>&1 || status=$?
-cat build/regress.log
-if [ -f build/regress/regression.diffs ] && [ $status -ne 0 ]; then
-    head -n 200 build/regress/regression.diffs
-fi
+: > build/regress.log
+for suite in installcheck installcheck-extended; do
+    log "SQL regression tests: make $suite"
+    suite_status=0
+    make -s "$suite" > build/$suite.log 2>&1 || suite_status=$?
+    tee -a build/regress.log < build/$suite.log
+    if [ -f build/regress/regression.diffs ] && [ $suite_status -ne 0 ]; then
+        head -n 200 build/regress/regression.diffs
+    fi
+    [ $suite_status -eq 0 ] || status=$suite_status
+done
 sql_passed=$(grep -cE '^(ok|test) .* ok|^ok ' build/regress.log || true)
 sql_failed=$(grep -cE 'FAILED|failed \(ignored\)|diff command failed' build/regress.log || true)
 [ $status -eq 0 ] || [ "$sql_failed" -gt 0 ] || sql_failed=1
