@@ -9,8 +9,11 @@ EXTENSION   = kestrava_range_operators
 EXTVERSION  = $(shell sed -n "s/^default_version *= *'\(.*\)'/\1/p" $(srcdir)/$(EXTENSION).control)
 MODULE_big  = libKestravaPgRangeOperators3_0
 OBJS        = $(patsubst $(srcdir)/%.cpp,%.o,$(sort $(wildcard $(srcdir)/pluginimpl/src/*.cpp)))
-# The install script is assembled from the fragments in sql/.
+# The install script of the current version is assembled from the fragments in sql/; the install
+# scripts of released versions (frozen, never rebuilt) and the upgrade scripts between versions
+# are installed as they are.
 DATA_built  = $(EXTENSION)--$(EXTVERSION).sql
+DATA        = $(patsubst $(srcdir)/%,%,$(sort $(wildcard $(srcdir)/sql/released/*.sql $(srcdir)/sql/updates/*.sql)))
 EXTRA_CLEAN = $(EXTENSION)--$(EXTVERSION).sql build/regress
 
 # `make installcheck` runs the fast, self-contained tests: every test/sql/*.sql except those of the

@@ -36,10 +36,9 @@ SELECT zm_range_pack(ARRAY[1, NULL]::int4[]);
 -- refused as well.
 SELECT pg_column_size((ARRAY[1, 2, NULL])[1:2]) > pg_column_size(ARRAY[1, 2]) AS slice_has_null_bitmap;
 SELECT zm_range_pack((ARRAY[1, 2, NULL])[1:2]);
--- A literal needs its type: int4[] and the refusing anyarray form both accept it.
+-- An untyped literal is read as an int4[] (by the text form), as if it were cast.
 \set VERBOSITY default
-SELECT zm_range_pack('{1,2}');
-\echo :LAST_ERROR_SQLSTATE
+SELECT zm_range_pack('{1,2}'), zm_range_pack('{1,2}') = zm_range_pack('{1,2}'::int4[]) AS same_as_cast;
 \set VERBOSITY verbose
 -- Strict: NULL in, NULL out.
 SELECT zm_range_pack(NULL::int4, 1) IS NULL AS a, zm_range_pack(1, NULL::int4) IS NULL AS b,
