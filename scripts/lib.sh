@@ -37,8 +37,12 @@ build_extension() {
 # library under a running test, so installing and using the installed extension happen under one
 # lock (held until the calling script exits).
 install_extension() {
-    exec 9>/tmp/kestrava_range_operators.install.lock
-    flock 9
+    # A script run by another that holds the lock (scripts/test.sh running the shell tests) shares it.
+    if [ "${KESTRAVA_INSTALL_LOCK_HELD:-}" != 1 ]; then
+        exec 9>/tmp/kestrava_range_operators.install.lock
+        flock 9
+        export KESTRAVA_INSTALL_LOCK_HELD=1
+    fi
     log "installing the extension"
     local sudo=""
     [ "$(id -u)" -eq 0 ] || sudo=sudo
@@ -63,7 +67,7 @@ start_throwaway_server() {
     THROWAWAY_DIR=$(mktemp -d /tmp/kestrava-pg.XXXXXX)
     chmod 755 "$THROWAWAY_DIR"
     [ "$(id -u)" -ne 0 ] || chown postgres: "$THROWAWAY_DIR"
-    trap stop_throwaway_server EXIT
+    install_exit_trap
     trap 'exit 130' INT TERM
     export PGHOST="$THROWAWAY_DIR" PGPORT=$((50000 + RANDOM % 10000))
     export PGUSER=$(as_server_user id -un) PGDATABASE=postgres
@@ -73,6 +77,27 @@ start_throwaway_server() {
     as_server_user "$PG_BINDIR/pg_ctl" -D "$THROWAWAY_DIR/data" -l "$SERVER_LOG" -w -o \
         "-c listen_addresses='' -c unix_socket_directories='$THROWAWAY_DIR' -p $PGPORT -c fsync=off -c max_worker_processes=8 -c max_parallel_workers=8 -c log_line_prefix='%m [%p] '" \
         start >/dev/null 9>&-
+}
+
+# Commands that run when the calling script exits, whatever the outcome, before the throwaway
+# server it started (if any) is stopped: on_exit 'rm -rf "$dir"'.
+EXIT_COMMANDS=()
+on_exit() {
+    EXIT_COMMANDS+=("$1")
+    install_exit_trap
+}
+install_exit_trap() {
+    if [ -n "${THROWAWAY_DIR:-}" ]; then
+        trap 'exit_status=$?; run_exit_commands; (exit $exit_status); stop_throwaway_server' EXIT
+    else
+        trap 'exit_status=$?; run_exit_commands; exit $exit_status' EXIT
+    fi
+}
+run_exit_commands() {
+    local command
+    for command in "${EXIT_COMMANDS[@]}"; do
+        eval "$command" || true
+    done
 }
 
 stop_throwaway_server() {
@@ -87,4 +112,18 @@ stop_throwaway_server() {
         rm -rf "$THROWAWAY_DIR"
     fi
     exit $status
+}
+
+# The shell tests (test/shell/*.sh) run alone, or from scripts/test.sh on its server with the
+# extension it built and installed (KESTRAVA_TEST_SERVER=1, PGHOST and PGPORT exported).
+prepare_test_server() {
+    if [ "${KESTRAVA_TEST_SERVER:-}" = 1 ]; then
+        cd "$PROJECT_ROOT"
+        return
+    fi
+    ensure_dependencies
+    build_extension
+    install_extension
+    start_throwaway_server
+    cd "$PROJECT_ROOT"
 }
