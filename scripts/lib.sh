@@ -12,10 +12,14 @@ log() { printf '==> %s\n' "$*" >&2; }
 
 # Installs the Debian packages the build and the tests need, only when one is missing.
 ensure_dependencies() {
-    local packages=(postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang
-                    clang-14 libclang-rt-14-dev)
+    ensure_packages postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang \
+                    clang-14 libclang-rt-14-dev
+}
+
+# Installs the given Debian packages, only those that are missing.
+ensure_packages() {
     local missing=()
-    for p in "${packages[@]}"; do
+    for p in "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
     done
     if [ ${#missing[@]} -eq 0 ]; then
@@ -126,4 +130,13 @@ prepare_test_server() {
     install_extension
     start_throwaway_server
     cd "$PROJECT_ROOT"
+}
+
+# Node.js and npm for the client test: Debian's packages, only when no node and npm are installed
+# (a machine may have them from elsewhere).
+ensure_node() {
+    if command -v node >/dev/null && command -v npm >/dev/null; then
+        return
+    fi
+    ensure_packages nodejs npm
 }
