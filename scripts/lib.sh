@@ -41,16 +41,21 @@ build_extension() {
 # library under a running test, so installing and using the installed extension happen under one
 # lock (held until the calling script exits).
 install_extension() {
-    # A script run by another that holds the lock (scripts/test.sh running the shell tests) shares it.
+    take_install_lock
+    log "installing the extension"
+    local sudo=""
+    [ "$(id -u)" -eq 0 ] || sudo=sudo
+    $sudo make -C "$PROJECT_ROOT" -s install >/dev/null
+}
+
+# The install lock, held until the calling script exits. A script run by another that holds it
+# (scripts/test.sh running the shell tests) shares it.
+take_install_lock() {
     if [ "${KESTRAVA_INSTALL_LOCK_HELD:-}" != 1 ]; then
         exec 9>/tmp/kestrava_range_operators.install.lock
         flock 9
         export KESTRAVA_INSTALL_LOCK_HELD=1
     fi
-    log "installing the extension"
-    local sudo=""
-    [ "$(id -u)" -eq 0 ] || sudo=sudo
-    $sudo make -C "$PROJECT_ROOT" -s install >/dev/null
 }
 
 # Server processes run as an unprivileged user: 'postgres' when we are root, else ourselves.
