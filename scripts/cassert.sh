@@ -9,8 +9,9 @@
 # reused by later runs. The extension is built from a copy of the working tree (tracked and
 # untracked, not ignored files), so the checkout's own build products stay untouched.
 #
-# Fails when a regression test fails or when the server log shows an assertion failure, a crash
-# or a memory context warning. Prints one line 'cassert: N passed, M failed' on success.
+# Runs both schedules (make installcheck, make installcheck-extended). Fails when a regression test
+# fails or when the server log shows an assertion failure, a crash, a memory context warning or a
+# resource leak. Prints one line 'cassert: N passed, M failed'.
 source "$(dirname "$0")/lib.sh"
 
 ensure_dependencies
@@ -212,12 +213,16 @@ PG_BINDIR=$prefix/bin
 export PATH="$PG_BINDIR:$PATH"
 start_throwaway_server
 
+# Both schedules: the fast suite and the extended one (torture, memory, cancellation, index pages).
 log "SQL regression tests on the cassert server"
 started=$SECONDS
 status=0
 rm -rf "$ext/build/regress"
 mkdir -p "$ext/build"
-make -C "$ext" -s installcheck PG_CONFIG="$pg_config" > "$ext/build/regress.log" 2>&1 || status=$?
+: > "$ext/build/regress.log"
+for suite in installcheck installcheck-extended; do
+    make -C "$ext" -s "$suite" PG_CONFIG="$pg_config" >> "$ext/build/regress.log" 2>&1 || status=$?
+done
 suite_seconds=$((SECONDS - started))
 cp "$SERVER_LOG" "$ext/build/server.log"  # the throwaway directory goes at exit
 

@@ -12,10 +12,14 @@ log() { printf '==> %s\n' "$*" >&2; }
 
 # Installs the Debian packages the build and the tests need, only when one is missing.
 ensure_dependencies() {
-    local packages=(postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang
-                    clang-14 libclang-rt-14-dev)
+    ensure_packages postgresql-15 postgresql-server-dev-15 postgresql-contrib libgtest-dev libbenchmark-dev cmake g++ make clang \
+                    clang-14 libclang-rt-14-dev
+}
+
+# Installs the given Debian packages, only those that are missing.
+ensure_packages() {
     local missing=()
-    for p in "${packages[@]}"; do
+    for p in "$@"; do
         dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")
     done
     if [ ${#missing[@]} -eq 0 ]; then
@@ -37,12 +41,21 @@ build_extension() {
 # library under a running test, so installing and using the installed extension happen under one
 # lock (held until the calling script exits).
 install_extension() {
-    exec 9>/tmp/kestrava_range_operators.install.lock
-    flock 9
+    take_install_lock
     log "installing the extension"
     local sudo=""
     [ "$(id -u)" -eq 0 ] || sudo=sudo
     $sudo make -C "$PROJECT_ROOT" -s install >/dev/null
+}
+
+# The install lock, held until the calling script exits. A script run by another that holds it
+# (scripts/test.sh running the shell tests) shares it.
+take_install_lock() {
+    if [ "${KESTRAVA_INSTALL_LOCK_HELD:-}" != 1 ]; then
+        exec 9>/tmp/kestrava_range_operators.install.lock
+        flock 9
+        export KESTRAVA_INSTALL_LOCK_HELD=1
+    fi
 }
 
 # Server processes run as an unprivileged user: 'postgres' when we are root, else ourselves.
@@ -63,7 +76,7 @@ start_throwaway_server() {
     THROWAWAY_DIR=$(mktemp -d /tmp/kestrava-pg.XXXXXX)
     chmod 755 "$THROWAWAY_DIR"
     [ "$(id -u)" -ne 0 ] || chown postgres: "$THROWAWAY_DIR"
-    trap stop_throwaway_server EXIT
+    install_exit_trap
     trap 'exit 130' INT TERM
     export PGHOST="$THROWAWAY_DIR" PGPORT=$((50000 + RANDOM % 10000))
     export PGUSER=$(as_server_user id -un) PGDATABASE=postgres
@@ -73,6 +86,27 @@ start_throwaway_server() {
     as_server_user "$PG_BINDIR/pg_ctl" -D "$THROWAWAY_DIR/data" -l "$SERVER_LOG" -w -o \
         "-c listen_addresses='' -c unix_socket_directories='$THROWAWAY_DIR' -p $PGPORT -c fsync=off -c max_worker_processes=8 -c max_parallel_workers=8 -c log_line_prefix='%m [%p] '" \
         start >/dev/null 9>&-
+}
+
+# Commands that run when the calling script exits, whatever the outcome, before the throwaway
+# server it started (if any) is stopped: on_exit 'rm -rf "$dir"'.
+EXIT_COMMANDS=()
+on_exit() {
+    EXIT_COMMANDS+=("$1")
+    install_exit_trap
+}
+install_exit_trap() {
+    if [ -n "${THROWAWAY_DIR:-}" ]; then
+        trap 'exit_status=$?; run_exit_commands; (exit $exit_status); stop_throwaway_server' EXIT
+    else
+        trap 'exit_status=$?; run_exit_commands; exit $exit_status' EXIT
+    fi
+}
+run_exit_commands() {
+    local command
+    for command in "${EXIT_COMMANDS[@]}"; do
+        eval "$command" || true
+    done
 }
 
 stop_throwaway_server() {
@@ -87,4 +121,27 @@ stop_throwaway_server() {
         rm -rf "$THROWAWAY_DIR"
     fi
     exit $status
+}
+
+# The shell tests (test/shell/*.sh) run alone, or from scripts/test.sh on its server with the
+# extension it built and installed (KESTRAVA_TEST_SERVER=1, PGHOST and PGPORT exported).
+prepare_test_server() {
+    if [ "${KESTRAVA_TEST_SERVER:-}" = 1 ]; then
+        cd "$PROJECT_ROOT"
+        return
+    fi
+    ensure_dependencies
+    build_extension
+    install_extension
+    start_throwaway_server
+    cd "$PROJECT_ROOT"
+}
+
+# Node.js and npm for the client test: Debian's packages, only when no node and npm are installed
+# (a machine may have them from elsewhere).
+ensure_node() {
+    if command -v node >/dev/null && command -v npm >/dev/null; then
+        return
+    fi
+    ensure_packages nodejs npm
 }

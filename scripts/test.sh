@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Runs the whole test suite: unit tests (GoogleTest) and SQL regression tests (pg_regress) on a
-# throwaway server. Installs what is missing first. Exit status 0 only when everything passed.
+# Runs the whole test suite: unit tests (GoogleTest), the SQL regression tests (pg_regress: the fast
+# suite of `make installcheck`, then the extended schedule), a load smoke test and the shell tests of
+# test/shell (upgrades, packaging, clients, ...) on a throwaway server. Installs what is missing
+# first. Exit status 0 only when everything passed.
 source "$(dirname "$0")/lib.sh"
 
 ensure_dependencies
@@ -33,13 +35,20 @@ build_extension
 install_extension
 start_throwaway_server
 
-log "SQL regression tests"
+# The fast suite (`make installcheck`), then the extended schedule (memory, torture, cancellation,
+# index pages: `make installcheck-extended`), each followed by its differences when it fails.
 status=0
-make -s installcheck > build/regress.log 2>&1 || status=$?
-cat build/regress.log
-if [ -f build/regress/regression.diffs ] && [ $status -ne 0 ]; then
-    head -n 200 build/regress/regression.diffs
-fi
+: > build/regress.log
+for suite in installcheck installcheck-extended; do
+    log "SQL regression tests: make $suite"
+    suite_status=0
+    make -s "$suite" > build/$suite.log 2>&1 || suite_status=$?
+    tee -a build/regress.log < build/$suite.log
+    if [ -f build/regress/regression.diffs ] && [ $suite_status -ne 0 ]; then
+        head -n 200 build/regress/regression.diffs
+    fi
+    [ $suite_status -eq 0 ] || status=$suite_status
+done
 sql_passed=$(grep -cE '^(ok|test) .* ok|^ok ' build/regress.log || true)
 sql_failed=$(grep -cE 'FAILED|failed \(ignored\)|diff command failed' build/regress.log || true)
 [ $status -eq 0 ] || [ "$sql_failed" -gt 0 ] || sql_failed=1
@@ -55,6 +64,26 @@ else
     tail -n 1 build/load-smoke.log
 fi
 
-echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed; load smoke: $((1 - load_failed)) passed, ${load_failed} failed"
-echo "$((unit_summary + sql_passed + 1 - load_failed)) passed, $((sql_failed + load_failed)) failed"
+# The shell tests (test/shell/*.sh, in name order: out-of-tree build, upgrades, the trusted install,
+# the README's examples, a client driver, the Debian package) on the same server, under the same
+# install lock; each prints one line when it passes.
+export KESTRAVA_TEST_SERVER=1
+shell_passed=0
+shell_failed=0
+for t in test/shell/*.sh; do
+    name=$(basename "$t" .sh)
+    log "shell test: $name"
+    if bash "$t" > "build/shell-$name.log" 2>&1; then
+        shell_passed=$((shell_passed + 1))
+        tail -n 1 "build/shell-$name.log"
+    else
+        shell_failed=$((shell_failed + 1))
+        tail -n 60 "build/shell-$name.log"
+        log "shell test $name FAILED (log: build/shell-$name.log)"
+        status=1
+    fi
+done
+
+echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed; load smoke: $((1 - load_failed)) passed, ${load_failed} failed; shell: ${shell_passed} passed, ${shell_failed} failed"
+echo "$((unit_summary + sql_passed + 1 - load_failed + shell_passed)) passed, $((sql_failed + load_failed + shell_failed)) failed"
 exit $status

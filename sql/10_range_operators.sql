@@ -125,3 +125,17 @@ CREATE OPERATOR @> (
   LEFTARG = int8, RIGHTARG = int4, FUNCTION = zm_int4rangepacked_contains_value,
   COMMUTATOR = <@, RESTRICT = contsel, JOIN = contjoinsel);
 COMMENT ON OPERATOR @> (int8, int4) IS 'packed range contains the value';
+
+-- Untyped literals (see zm_int4array_from_text): the range array also as text, so that
+-- v <@ '{0,10}' reads '{0,10}' as a range array instead of an int8. The SQL is inlined into the
+-- int4[] operator, so the literal is read once, at planning. (p && '{1,10}' cannot be helped: for
+-- a binary operator PostgreSQL first tries the other operand's type, and && (int8, int8) exists.)
+CREATE FUNCTION zm_int4_in_rangearray(int4, text) RETURNS bool
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN $1 <@ zm_int4array_from_text($2);
+COMMENT ON FUNCTION zm_int4_in_rangearray(int4, text) IS 'zm_int4_in_rangearray with the range array given as text (an untyped literal)';
+
+CREATE OPERATOR <@ (
+  LEFTARG = int4, RIGHTARG = text, FUNCTION = zm_int4_in_rangearray,
+  RESTRICT = contsel, JOIN = contjoinsel);
+COMMENT ON OPERATOR <@ (int4, text) IS 'value lies in the range array written as text';

@@ -72,3 +72,28 @@ CREATE OPERATOR && (
   LEFTARG = int8, RIGHTARG = bytea, FUNCTION = zm_int4rangepacked_in_rangebitfield,
   RESTRICT = areasel, JOIN = areajoinsel);
 COMMENT ON OPERATOR && (int8, bytea) IS 'some value of the packed range has its bit set in the bitfield';
+
+-- Untyped literals (see zm_int4array_from_text): the set also as text.
+CREATE FUNCTION zm_int4set2bitfield_int4("char", text) RETURNS bytea
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_int4set2bitfield_int4($1, zm_int4array_from_text($2));
+COMMENT ON FUNCTION zm_int4set2bitfield_int4("char", text) IS
+  'zm_int4set2bitfield_int4 with the set given as text (an untyped literal)';
+
+CREATE FUNCTION zm_count_scalar_in_int4set("char", text) RETURNS int4
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_count_scalar_in_int4set($1, zm_int4array_from_text($2));
+COMMENT ON FUNCTION zm_count_scalar_in_int4set("char", text) IS
+  'zm_count_scalar_in_int4set with the set given as text (an untyped literal)';
+
+CREATE FUNCTION zm_int4set_overlap_bitfield("char", text, bytea) RETURNS bool
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_int4set_overlap_bitfield($1, zm_int4array_from_text($2), $3);
+COMMENT ON FUNCTION zm_int4set_overlap_bitfield("char", text, bytea) IS
+  'zm_int4set_overlap_bitfield with the set given as text (an untyped literal)';
+
+CREATE FUNCTION zm_int4set_included_in_bitfield("char", text, bytea) RETURNS bool
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_int4set_included_in_bitfield($1, zm_int4array_from_text($2), $3);
+COMMENT ON FUNCTION zm_int4set_included_in_bitfield("char", text, bytea) IS
+  'zm_int4set_included_in_bitfield with the set given as text (an untyped literal)';

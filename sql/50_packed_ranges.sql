@@ -28,3 +28,9 @@ CREATE FUNCTION zm_rangepacked_upper(int8) RETURNS int4
 AS 'MODULE_PATHNAME', 'zm_rangepacked_upper'
 LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE;
 COMMENT ON FUNCTION zm_rangepacked_upper(int8) IS 'upper end of a packed range (its high 32 bits)';
+
+-- Untyped literals (see zm_int4array_from_text): zm_range_pack('{7,9}').
+CREATE FUNCTION zm_range_pack(text) RETURNS int8
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_range_pack(zm_int4array_from_text($1));
+COMMENT ON FUNCTION zm_range_pack(text) IS 'zm_range_pack with {lower, upper} given as text (an untyped literal)';

@@ -2,8 +2,7 @@
 --
 -- The int4[] forms come with an anyarray overload bound to the same library function, so that an
 -- array of another element type reaches the library's "accept only int4[]" check instead of
--- failing at function lookup. With both overloads an untyped literal is ambiguous: write
--- '{1,2,3}'::int4[] or ARRAY[1,2,3].
+-- failing at function lookup. An untyped literal goes to the text form at the end of this file.
 
 CREATE FUNCTION zm_int4setconv_int4("char", int4[], "char") RETURNS int4[]
 AS 'MODULE_PATHNAME', 'zm_int4setconv_int4'
@@ -40,3 +39,15 @@ AS 'MODULE_PATHNAME', 'zm_bytea2mix2rangearray'
 LANGUAGE C IMMUTABLE STRICT PARALLEL SAFE COST 10;
 COMMENT ON FUNCTION zm_bytea2mix2rangearray(bytea) IS
   'the int4 elements of a mix array held in a bytea (machine byte order) as a range array, one range per item in item order';
+
+-- Untyped literals (see zm_int4array_from_text): the set also as text.
+CREATE FUNCTION zm_int4setconv_int4("char", text, "char") RETURNS int4[]
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_int4setconv_int4($1, zm_int4array_from_text($2), $3);
+COMMENT ON FUNCTION zm_int4setconv_int4("char", text, "char") IS
+  'zm_int4setconv_int4 with the set given as text (an untyped literal)';
+
+CREATE FUNCTION zm_sort_int4(text) RETURNS int4[]
+LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
+RETURN zm_sort_int4(zm_int4array_from_text($1));
+COMMENT ON FUNCTION zm_sort_int4(text) IS 'zm_sort_int4 with the array given as text (an untyped literal)';
