@@ -53,7 +53,7 @@ check_indexes() {
         index=${check%%|*}
         query=${check#*|}
         run "$db" -At -c "SET enable_seqscan = off; SET enable_bitmapscan = off; EXPLAIN (COSTS OFF) $query" |
-            grep -qE "Index (Only )?Scan using $index " || fail "$db: $index does not answer: $query"
+            grep -E "Index (Only )?Scan using $index " >/dev/null || fail "$db: $index does not answer: $query"
     done
 }
 
