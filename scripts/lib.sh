@@ -61,7 +61,9 @@ take_install_lock() {
 # Server processes run as an unprivileged user: 'postgres' when we are root, else ourselves.
 as_server_user() {
     if [ "$(id -u)" -eq 0 ]; then
-        runuser -u postgres -- "$@"
+        # From /: the checkout may lie in a directory the server user cannot enter (every path
+        # given here is absolute).
+        (cd / && runuser -u postgres -- "$@")
     else
         "$@"
     fi

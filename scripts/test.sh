@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Runs the whole test suite: unit tests (GoogleTest), the SQL regression tests (pg_regress: the fast
 # suite of `make installcheck`, then the extended schedule), a load smoke test and the shell tests of
-# test/shell (upgrades, packaging, clients, ...) on a throwaway server. Installs what is missing
+# test/shell (upgrades, packaging, clients, ...) on a throwaway server, then both schedules on an
+# assert-enabled server (scripts/cassert.sh). Installs what is missing
 # first. Exit status 0 only when everything passed.
 source "$(dirname "$0")/lib.sh"
 
@@ -84,6 +85,26 @@ for t in test/shell/*.sh; do
     fi
 done
 
-echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed; load smoke: $((1 - load_failed)) passed, ${load_failed} failed; shell: ${shell_passed} passed, ${shell_failed} failed"
-echo "$((unit_summary + sql_passed + 1 - load_failed + shell_passed)) passed, $((sql_failed + load_failed + shell_failed)) failed"
+# Both schedules again on an assert-enabled server built from the Debian source of the installed
+# one (scripts/cassert.sh; built once, then cached): failed Asserts, crashes, memory-context
+# warnings and resource leaks in its log fail the run.
+log "SQL regression tests on an assert-enabled server"
+cassert_failed=0
+bash scripts/cassert.sh > build/cassert.log 2>&1 || cassert_failed=1
+cassert_line=$(grep -E '^cassert: [0-9]+ passed, [0-9]+ failed$' build/cassert.log | tail -n 1 || true)
+cassert_passed=$(echo "$cassert_line" | sed -n 's/^cassert: \([0-9]*\) passed.*/\1/p')
+cassert_count=$(echo "$cassert_line" | sed -n 's/.* \([0-9]*\) failed$/\1/p')
+cassert_passed=${cassert_passed:-0}
+cassert_count=${cassert_count:-0}
+if [ $cassert_failed -ne 0 ]; then
+    [ "$cassert_count" -gt 0 ] || cassert_count=1
+    tail -n 80 build/cassert.log
+    log "assert-enabled run FAILED (log: build/cassert.log)"
+    status=1
+else
+    echo "$cassert_line"
+fi
+
+echo "unit: ${unit_summary} tests; sql: ${sql_passed} passed, ${sql_failed} failed; load smoke: $((1 - load_failed)) passed, ${load_failed} failed; shell: ${shell_passed} passed, ${shell_failed} failed; assert-enabled sql: ${cassert_passed} passed, ${cassert_count} failed"
+echo "$((unit_summary + sql_passed + 1 - load_failed + shell_passed + cassert_passed)) passed, $((sql_failed + load_failed + shell_failed + cassert_count)) failed"
 exit $status

@@ -14,10 +14,11 @@ CREATE FUNCTION zm_int4range_op_finalfn(internal) RETURNS int4[]
 AS 'MODULE_PATHNAME', 'zm_int4range_op_finalfn'
 LANGUAGE C IMMUTABLE CALLED ON NULL INPUT PARALLEL SAFE;
 COMMENT ON FUNCTION zm_int4range_op_finalfn(internal) IS
-  'final function of zm_int4range_op: closes the groups left open and returns the range array; consumes the state';
+  'final function of zm_int4range_op: closes the groups left open and returns the range array; frees the state''s buffers and keeps the result for a second finalisation';
 
--- FINALFUNC_MODIFY = READ_WRITE: the final function frees the state, so the server must never
--- share one state between two aggregate calls nor finalise it twice (it refuses window use).
+-- FINALFUNC_MODIFY = READ_WRITE: the final function frees the state's buffers (keeping its result
+-- for a hashed aggregate that is rescanned and finalises again), so the server must never share
+-- one state between two aggregate calls (it refuses window use).
 -- SSPACE: the state's own memory context holds seven 8 KB range buffers (about 136 KB measured).
 -- PARALLEL = RESTRICTED: the state is one ordered left-to-right fold with no combine function, so
 -- it can never be split across workers; restricted keeps the aggregate in the leader while the

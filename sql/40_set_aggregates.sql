@@ -4,8 +4,9 @@
 -- The support functions look at their NULL flags themselves (CALLED ON NULL INPUT), except the
 -- serial and deserial functions: declared STRICT, a worker that saw no rows hands over a NULL
 -- partial state that is neither serialised nor deserialised, and the combine step skips it.
--- The final functions consume their state (FINALFUNC_MODIFY = READ_WRITE): the server never
--- shares a state between two identical calls and refuses window use.
+-- The final functions build their result and leave the state to the aggregate context (a hashed
+-- aggregate that is rescanned finalises its groups again); FINALFUNC_MODIFY = READ_WRITE keeps the
+-- server from sharing a state between two identical calls and refuses window use.
 
 CREATE FUNCTION zm_int4set_agg_transfn_A(internal, int4, "char") RETURNS internal
 AS 'MODULE_PATHNAME', 'zm_int4set_agg_transfn_A'
@@ -29,7 +30,7 @@ CREATE FUNCTION zm_int4set_agg_finalfn(internal) RETURNS int4[]
 AS 'MODULE_PATHNAME', 'zm_int4set_agg_finalfn'
 LANGUAGE C IMMUTABLE CALLED ON NULL INPUT PARALLEL SAFE COST 10;
 COMMENT ON FUNCTION zm_int4set_agg_finalfn(internal) IS
-  'zm_int4set_agg final: the set in the requested form; consumes the state';
+  'zm_int4set_agg final: the set in the requested form (the state stays for the aggregate context to reclaim)';
 
 CREATE FUNCTION zm_int4set_agg_combinefn(internal, internal) RETURNS internal
 AS 'MODULE_PATHNAME', 'zm_int4set_agg_combinefn'
@@ -117,7 +118,7 @@ CREATE FUNCTION zm_int4set_agg_optimized_finalfn(internal) RETURNS int4[]
 AS 'MODULE_PATHNAME', 'zm_int4set_agg_optimized_finalfn'
 LANGUAGE C IMMUTABLE CALLED ON NULL INPUT PARALLEL SAFE COST 10;
 COMMENT ON FUNCTION zm_int4set_agg_optimized_finalfn(internal) IS
-  'zm_int4set_agg_optimized final: the set bits in the requested form; consumes the state';
+  'zm_int4set_agg_optimized final: the set bits in the requested form (the state stays for the aggregate context to reclaim)';
 
 CREATE FUNCTION zm_int4set_agg_optimized_combinefn(internal, internal) RETURNS internal
 AS 'MODULE_PATHNAME', 'zm_int4set_agg_optimized_combinefn'

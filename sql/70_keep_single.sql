@@ -1,9 +1,10 @@
 -- Keep-single aggregate over bool, bytea, int8, int2, int4, text, float4 and float8.
 --
 -- One library function serves both forms of each support step; it tells them apart by its number
--- of arguments. Each state owns a memory context (8 KB first block) that the final function
--- deletes: FINALFUNC_MODIFY = READ_WRITE keeps the server from finalising one state twice (two
--- identical calls in a query get a state each; window use is refused). The final function takes
+-- of arguments. Each state owns a memory context (8 KB first block) that the aggregate context
+-- reclaims: the final function copies the kept value out and leaves the state, because a hashed
+-- aggregate that is rescanned finalises its groups again. FINALFUNC_MODIFY = READ_WRITE gives two
+-- identical calls in a query a state each and refuses window use. The final function takes
 -- the aggregated arguments as extra NULL arguments (FINALFUNC_EXTRA) so that the result type can
 -- be resolved from an internal state.
 
@@ -23,13 +24,13 @@ CREATE FUNCTION zm_agg_keep_single_finalfn(internal, anyelement) RETURNS anyelem
 AS 'MODULE_PATHNAME', 'zm_agg_keep_single_finalfn'
 LANGUAGE C IMMUTABLE CALLED ON NULL INPUT PARALLEL SAFE;
 COMMENT ON FUNCTION zm_agg_keep_single_finalfn(internal, anyelement) IS
-  'agg_keep_single final: the kept value; consumes the state';
+  'agg_keep_single final: the kept value (the state stays for the aggregate context to reclaim)';
 
 CREATE FUNCTION zm_agg_keep_single_finalfn(internal, anyelement, bool) RETURNS anyelement
 AS 'MODULE_PATHNAME', 'zm_agg_keep_single_finalfn'
 LANGUAGE C IMMUTABLE CALLED ON NULL INPUT PARALLEL SAFE;
 COMMENT ON FUNCTION zm_agg_keep_single_finalfn(internal, anyelement, bool) IS
-  'agg_keep_single final: the kept value; consumes the state';
+  'agg_keep_single final: the kept value (the state stays for the aggregate context to reclaim)';
 
 -- Combine states live in the aggregate context, hence non-strict.
 CREATE FUNCTION zm_agg_keep_single_combinefn(internal, internal) RETURNS internal

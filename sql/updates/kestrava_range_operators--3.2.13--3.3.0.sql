@@ -78,3 +78,15 @@ CREATE FUNCTION zm_sort_int4(text) RETURNS int4[]
 LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
 RETURN zm_sort_int4(zm_int4array_from_text($1));
 COMMENT ON FUNCTION zm_sort_int4(text) IS 'zm_sort_int4 with the array given as text (an untyped literal)';
+
+-- The comments of the final functions say what they do with their state.
+COMMENT ON FUNCTION zm_int4range_op_finalfn(internal) IS
+  'final function of zm_int4range_op: closes the groups left open and returns the range array; frees the state''s buffers and keeps the result for a second finalisation';
+COMMENT ON FUNCTION zm_int4set_agg_finalfn(internal) IS
+  'zm_int4set_agg final: the set in the requested form (the state stays for the aggregate context to reclaim)';
+COMMENT ON FUNCTION zm_int4set_agg_optimized_finalfn(internal) IS
+  'zm_int4set_agg_optimized final: the set bits in the requested form (the state stays for the aggregate context to reclaim)';
+COMMENT ON FUNCTION zm_agg_keep_single_finalfn(internal, anyelement) IS
+  'agg_keep_single final: the kept value (the state stays for the aggregate context to reclaim)';
+COMMENT ON FUNCTION zm_agg_keep_single_finalfn(internal, anyelement, bool) IS
+  'agg_keep_single final: the kept value (the state stays for the aggregate context to reclaim)';
