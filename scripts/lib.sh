@@ -92,6 +92,8 @@ start_throwaway_server() {
 
 # Commands that run when the calling script exits, whatever the outcome, before the throwaway
 # server it started (if any) is stopped: on_exit 'rm -rf "$dir"'.
+# The handler turns errexit off: under it, restoring a failing exit status before stopping the server
+# would end the handler there and leave the server running.
 EXIT_COMMANDS=()
 on_exit() {
     EXIT_COMMANDS+=("$1")
@@ -99,9 +101,9 @@ on_exit() {
 }
 install_exit_trap() {
     if [ -n "${THROWAWAY_DIR:-}" ]; then
-        trap 'exit_status=$?; run_exit_commands; (exit $exit_status); stop_throwaway_server' EXIT
+        trap 'exit_status=$?; set +e; run_exit_commands; (exit $exit_status); stop_throwaway_server' EXIT
     else
-        trap 'exit_status=$?; run_exit_commands; exit $exit_status' EXIT
+        trap 'exit_status=$?; set +e; run_exit_commands; exit $exit_status' EXIT
     fi
 }
 run_exit_commands() {

@@ -5,15 +5,16 @@
 -- dropped or replaced, so indexes, views and constraints over the 3.2.13 objects stay as they are.
 -- (The extension becomes trusted through the control file, which holds no SQL.)
 
--- Untyped literals. An untyped array literal ('{1,2}', or a parameter a driver sends without a
--- type) matches the int4[] declaration of a function, its anyarray twin (kept so that arrays of
--- another element type reach the library's "accept only int4[]" check) and, for some operators,
--- declarations on int8 and bytea: PostgreSQL cannot choose and reports "is not unique", or reads the
--- literal as an int8. PostgreSQL resolves an untyped literal to a text parameter before any other
--- category, so each of those functions and operators also takes its set as text, declared below
--- its family in SQL that reads the text as an int4[] (this function) and calls the int4[] form.
--- Immutable (reading an int4[] literal depends on no setting) and therefore not inlined: a literal
--- is read once, when the query is planned, not once per row.
+-- Untyped literals. An untyped array literal ('{1,2}', or a parameter that a driver sends without
+-- a type) fits both the int4[] declaration of a function and its anyarray twin (kept so that arrays
+-- of another element type reach the library's "accept only int4[]" check), and PostgreSQL reports
+-- "is not unique"; after v <@ it is read as an int8 (the packed-range operator). PostgreSQL gives
+-- an untyped literal to a text parameter before any other, so those functions and operators also
+-- take their set as text, in SQL declared after each family: the text is read as an int4[] by this
+-- function and handed to the int4[] form.
+-- Immutable: reading an int4[] literal depends on no setting (the cast is marked stable only because
+-- other element types can depend on settings). So the planner reads a literal once, when it plans
+-- the query, instead of once per row.
 CREATE FUNCTION zm_int4array_from_text(text) RETURNS int4[]
 LANGUAGE sql IMMUTABLE STRICT PARALLEL SAFE
 RETURN $1::int4[];

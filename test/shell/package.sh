@@ -40,7 +40,7 @@ deb=$(ls "$work"/${package}_"$deb_version"_*.deb 2>/dev/null | head -n 1)
 
 # What the package holds.
 [ "$(dpkg-deb -f "$deb" Package)" = "$package" ] || fail "package name $(dpkg-deb -f "$deb" Package)"
-dpkg-deb -f "$deb" Depends | grep 'postgresql-15' >/dev/null || fail "the package does not depend on postgresql-15"
+grep -q 'postgresql-15' <<<"$(dpkg-deb -f "$deb" Depends)" || fail "the package does not depend on postgresql-15"
 contents=$(dpkg-deb -c "$deb" | awk '{print $6}' | sed 's|^\./|/|')
 sharedir=$(pg_config --sharedir)/extension
 pkglibdir=$(pg_config --pkglibdir)
@@ -57,7 +57,7 @@ restore_source_install() {
 }
 on_exit restore_source_install
 dpkg -i "$deb" > "$work/install.log" 2>&1 || { cat "$work/install.log"; fail "dpkg -i failed"; }
-dpkg -L "$package" | grep -x "$pkglibdir/libKestravaPgRangeOperators3_0.so" >/dev/null || fail "dpkg does not list the library"
+grep -qx "$pkglibdir/libKestravaPgRangeOperators3_0.so" <<<"$(dpkg -L "$package")" || fail "dpkg does not list the library"
 cmp -s "$src/debian/$package/$pkglibdir/libKestravaPgRangeOperators3_0.so" "$pkglibdir/libKestravaPgRangeOperators3_0.so" ||
     fail "the installed library is not the package's"
 

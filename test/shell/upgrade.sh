@@ -5,7 +5,8 @@
 # index, CHECK constraints, views); `ALTER EXTENSION ... UPDATE` must keep its indexes valid and
 # used and the results of upgrade/queries.sql unchanged; then its schema (pg_dump --schema-only
 # --binary-upgrade, which also dumps the extension's own objects) must equal that of a database
-# where the current version was installed fresh and the same user objects created.
+# where the current version was installed fresh and the same user objects created. A dump of that
+# database restores into an empty one with the same results.
 source "$(dirname "$0")/../../scripts/lib.sh"
 prepare_test_server
 here="$PROJECT_ROOT/test/shell/upgrade"
@@ -45,15 +46,15 @@ index_checks=(
     "bookings_lower_idx|SELECT id FROM bookings WHERE zm_rangepacked_lower(slot) = 111"
 )
 check_indexes() {
-    local db=$1 check index query
+    local db=$1 check index query plan
     local broken
     broken=$(run "$db" -At -c "SELECT count(*) FROM pg_index WHERE indrelid = 'bookings'::regclass AND NOT (indisvalid AND indisready AND indislive)")
     [ "$broken" = 0 ] || fail "$db: $broken indexes of bookings are not valid"
     for check in "${index_checks[@]}"; do
         index=${check%%|*}
         query=${check#*|}
-        run "$db" -At -c "SET enable_seqscan = off; SET enable_bitmapscan = off; EXPLAIN (COSTS OFF) $query" |
-            grep -E "Index (Only )?Scan using $index " >/dev/null || fail "$db: $index does not answer: $query"
+        plan=$(run "$db" -At -c "SET enable_seqscan = off; SET enable_bitmapscan = off; EXPLAIN (COSTS OFF) $query")
+        grep -qE "Index (Only )?Scan using $index " <<<"$plan" || fail "$db: $index does not answer: $query"
     done
 }
 
@@ -67,6 +68,18 @@ run "$fresh" -f "$here/objects.sql"
 run "$fresh" -f "$here/queries.sql" > "$work/fresh.out"
 check_indexes "$fresh"
 schema_dump "$fresh" "$work/fresh.schema"
+
+# A dump of the fresh database (CREATE EXTENSION, then the user objects) restores into an empty
+# database with the same results and working indexes.
+restored=kestrava_upgrade_restored
+dropdb --if-exists "$restored" 2>/dev/null
+createdb "$restored"
+pg_dump -Fc -d "$fresh" -f "$work/fresh.dump"
+pg_restore --exit-on-error -d "$restored" "$work/fresh.dump"
+run "$restored" -f "$here/queries.sql" > "$work/restored.out"
+diff -u "$work/fresh.out" "$work/restored.out" || fail "a restored dump of $current answers otherwise"
+check_indexes "$restored"
+dropdb "$restored"
 
 for version in $released; do
     [ "$version" != "$current" ] || fail "released version $version is the current version: give sql/ a new version"
@@ -104,4 +117,4 @@ done
 members=$(run "$fresh" -At -c "SELECT count(*) FROM pg_depend WHERE refobjid = (SELECT oid FROM pg_extension WHERE extname = 'kestrava_range_operators') AND deptype = 'e'")
 lines=$(wc -l < "$work/fresh.schema")
 dropdb "$fresh"
-echo "upgrade: $(echo "$released" | wc -w) released version(s) update to $current; schemas equal ($lines lines, $members extension objects), indexes valid and used, results unchanged"
+echo "upgrade: $(echo "$released" | wc -w) released version(s) update to $current; schemas equal ($lines lines, $members extension objects), indexes valid and used, results unchanged, dump restored"

@@ -57,7 +57,8 @@ expected_fast=$(comm -23 <(echo "$all_tests") <(echo "$extended") | tr '\n' ' ')
 fast=$(make -C "$work/build" -f "$src/Makefile" VPATH="$src" -n installcheck | grep pg_regress |
        grep -o -- "--dbname=contrib_regression .*" | cut -d' ' -f2- | tr ' ' '\n' | sort | tr '\n' ' ')
 [ "$fast" = "$expected_fast" ] || fail "make installcheck would run: '$fast', expected '$expected_fast'"
-make -C "$work/build" -f "$src/Makefile" VPATH="$src" -n installcheck-extended | grep -- "--schedule=$src/test/extended_schedule" >/dev/null ||
+extended_run=$(make -C "$work/build" -f "$src/Makefile" VPATH="$src" -n installcheck-extended)
+grep -q -- "--schedule=$src/test/extended_schedule" <<<"$extended_run" ||
     fail "make installcheck-extended does not run the extended schedule"
 
 # make install staged the control file, the library and its bitcode, the current install script,
