@@ -43,9 +43,6 @@ template <typename... Args>
 // reports whose message alone does not say what was wrong (which argument, which value).
 [[noreturn]] void raiseWithDetail(const ErrorSite& site, const char* detailFormat, ...) pg_attribute_printf(2, 3);
 
-// The site's report with a DETAIL and a HINT, both as given.
-[[noreturn]] void raiseWithHint(const ErrorSite& site, const char* detail, const char* hint);
-
 // The out-of-memory report of an allocation helper, with the size it asked for in its DETAIL.
 [[noreturn]] void raiseOutOfMemory(const ErrorSite& site, size_t requestedBytes);
 

@@ -29,7 +29,7 @@ namespace pg {
 
 namespace {
 
-[[noreturn]] void report(const ErrorSite& site, const char* message, const char* detail, const char* hint)
+[[noreturn]] void report(const ErrorSite& site, const char* message, const char* detail)
 {
     if (message == nullptr && detail == nullptr && site.sqlstate == outOfMemory)
         detail = "out of memory";
@@ -41,8 +41,6 @@ namespace {
         errmsg_internal("%s", message ? message : "");
         if (detail)
             errdetail_internal("%s", detail);
-        if (hint)
-            errhint("%s", hint);
         errfinish(site.file, site.line, site.function);
     }
     pg_unreachable();
@@ -65,7 +63,7 @@ void raiseFormatted(const ErrorSite& site, const char* format, ...)
         vsnprintf(message, sizeof message, format, args);
         va_end(args);
     }
-    report(site, format ? message : nullptr, nullptr, nullptr);
+    report(site, format ? message : nullptr, nullptr);
 }
 #if defined(__GNUC__) && !defined(__clang__)
 #pragma GCC diagnostic pop
@@ -78,10 +76,9 @@ void raiseWithDetail(const ErrorSite& site, const char* detailFormat, ...)
     va_start(args, detailFormat);
     vsnprintf(detail, sizeof detail, detailFormat, args);
     va_end(args);
-    report(site, site.message, detail, nullptr);
+    report(site, site.message, detail);
 }
 
-void raiseWithHint(const ErrorSite& site, const char* detail, const char* hint) { report(site, site.message, detail, hint); }
 
 void raiseOutOfMemory(const ErrorSite& site, size_t requestedBytes)
 {
